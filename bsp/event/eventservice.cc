@@ -1,0 +1,296 @@
+// The event service: one thread, one queue, one semaphore to sleep on.
+//
+// The thread makes pass after pass. A pass looks at the first message under the queue mutex. A due
+// one is taken out and run with the mutex released, so that handlers may post, clear and stop.
+// Otherwise the pass sleeps on the semaphore until the first message falls due, and never longer
+// than 100 ms.
+//
+// What must always hold: no thread sleeps past a message that could run. A pass enters itself in
+// sleepers_ in the same hold of the mutex in which it saw that there is nothing to do. A post that
+// puts a message in front of all others takes one sleeper off and signals the semaphore. So a
+// message that comes between the look and the sleep leaves a count that ends the sleep at once, a
+// burst of posts costs one signal rather than one each, and a message that is due behind another
+// wakes nobody, since the thread is up in time for the first.
+//
+// Due times are whole milliseconds and a message runs once the clock has passed its own: the thread
+// sleeps, in nanoseconds, to the beginning of the next millisecond. Looking at the clock again and
+// again instead would burn up to a millisecond of processor time for each delayed message.
+//
+// Stop clears running_ before it signals; Start sets it before the thread exists, and the thread
+// itself never sets it. So no order of the two can lose a Stop.
+#include "bsp/event/eventservice.h"
+
+#include <pthread.h>
+#include <sched.h>
+
+#include <algorithm>
+#include <cstring>
+#include <ctime>
+#include <limits>
+#include <new>
+#include <system_error>
+#include <utility>
+
+#include "bsp/log/log.h"
+#include "bsp/util/time_util.h"
+
+namespace bsp {
+namespace {
+
+const std::shared_ptr<MSError> kOk;
+
+constexpr int64_t kNanosPerMilli = 1000000;
+constexpr int64_t kNanosPerSecond = 1000000000;
+constexpr int64_t kLongestWaitNanos = 100 * kNanosPerMilli;
+constexpr size_t kThreadNameLength = 15;  // kernel limit without the terminator
+
+// The clock of TimeUtil::ClockMillis, in nanoseconds.
+int64_t ClockNanos() {
+  struct timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC_RAW, &now);
+  return static_cast<int64_t>(now.tv_sec) * kNanosPerSecond + now.tv_nsec;
+}
+
+// At least 1, whatever the delay: 0 marks the immediate messages, which come before all others.
+int64_t DueTime(long delay_ms) {
+  const int64_t now = TimeUtil::ClockMillis();
+  if (delay_ms <= -now) return 1;
+  return delay_ms > std::numeric_limits<int64_t>::max() - now ? std::numeric_limits<int64_t>::max()
+                                                              : now + delay_ms;
+}
+
+// Nanoseconds until a message of this due time may run, 0 when it may now, at most
+// kLongestWaitNanos.
+int64_t TimeToRun(int64_t when) {
+  if (when == 0) return 0;  // an immediate message; saves the look at the clock
+  const int64_t now_ns = ClockNanos();
+  const int64_t now = now_ns / kNanosPerMilli;
+  if (when < now) return 0;
+  if (when - now >= kLongestWaitNanos / kNanosPerMilli) return kLongestWaitNanos;
+  return (when + 1) * kNanosPerMilli - now_ns;
+}
+
+}  // namespace
+
+// A thread's stay in the dispatch of a service; the stays of one thread form a chain.
+struct EventService::Loop {
+  Loop(EventService* dispatched, bool own_thread)
+      : service(dispatched), is_own_thread(own_thread), outer(innermost) {
+    innermost = this;
+  }
+  Loop(const Loop&) = delete;
+  Loop& operator=(const Loop&) = delete;
+  ~Loop() { innermost = outer; }
+
+  EventService* service;  // null when a handler of this very loop has destroyed it
+  const bool is_own_thread;
+  Loop* const outer;
+
+  static thread_local Loop* innermost;
+};
+
+thread_local EventService::Loop* EventService::Loop::innermost = nullptr;
+
+std::shared_ptr<EventService> EventService::Create(const std::string& name, int priority) {
+  auto service = std::make_shared<EventService>();
+  service->name_ = name;
+  service->priority_ = priority;
+  service->Init();  // Start tries again and tells
+  return service;
+}
+
+EventService::EventService() = default;
+
+EventService::~EventService() {
+  Stop();
+  for (Loop* loop = Loop::innermost; loop != nullptr; loop = loop->outer) {
+    if (loop->service == this) loop->service = nullptr;
+  }
+  if (thread_.joinable()) {
+    BSP_LOG_ERROR(MOD_BSP, "service %s destroyed on its own thread", name_.c_str());
+    thread_.detach();  // nobody is left who could join it
+  }
+}
+
+std::shared_ptr<MSError> EventService::Init() {
+  const std::lock_guard<std::mutex> lock(queue_mutex_);
+  if (semaphore_) return kOk;
+  try {
+    semaphore_ = std::make_shared<Semaphore>(0);
+  } catch (const std::bad_alloc&) {
+    BSP_LOG_ERROR(MOD_BSP, "make_shared<Semaphore>(0) failed");
+    return BSP_NEW_ERROR(-1, "make_shared<Semaphore>(0) failed");
+  }
+  return kOk;
+}
+
+std::shared_ptr<MSError> EventService::Start() {
+  if (IsOwnThread()) {
+    return BSP_NEW_ERROR(-1, "service %s cannot start from its own thread", name_.c_str());
+  }
+  if (auto error = Init(); error != kOk) return error;
+  const std::lock_guard<std::mutex> lock(control_mutex_);
+  if (thread_.joinable()) {
+    if (running_) return BSP_NEW_ERROR(-1, "service %s is running already", name_.c_str());
+    thread_.join();  // stopped on its own thread
+  }
+  running_ = true;
+  try {
+    thread_ = std::thread([this] {
+      Loop loop(this, true);
+      if (running_) RunLoop(&loop);
+    });
+  } catch (const std::system_error& refused) {
+    running_ = false;
+    BSP_LOG_ERROR(MOD_BSP, "service %s gets no thread: %s", name_.c_str(), refused.what());
+    return BSP_NEW_ERROR(-1, "service %s gets no thread: %s", name_.c_str(), refused.what());
+  }
+  SetUpThread();
+  return kOk;
+}
+
+void EventService::SetUpThread() {
+  const std::string thread_name = name_.substr(0, kThreadNameLength);
+  int refused = pthread_setname_np(thread_.native_handle(), thread_name.c_str());
+  if (refused != 0) {
+    BSP_LOG_ERROR(MOD_BSP, "set thread name failed: %s, error: %s", thread_name.c_str(),
+                  strerror(refused));
+  }
+  struct sched_param scheduling = {};
+  scheduling.sched_priority = priority_;
+  refused = pthread_setschedparam(thread_.native_handle(), SCHED_FIFO, &scheduling);
+  if (refused != 0) {
+    BSP_LOG_ERROR(MOD_BSP, "set thread priority failed: %s, error: %s", thread_name.c_str(),
+                  strerror(refused));
+  }
+}
+
+void EventService::Stop() {
+  running_ = false;
+  std::shared_ptr<Semaphore> semaphore;
+  {
+    const std::lock_guard<std::mutex> lock(queue_mutex_);
+    semaphore = semaphore_;
+  }
+  if (semaphore) semaphore->Signal();
+  if (IsOwnThread()) return;  // a join would wait for itself
+  const std::lock_guard<std::mutex> lock(control_mutex_);
+  if (thread_.joinable()) thread_.join();
+}
+
+bool EventService::IsOwnThread() const {
+  for (const Loop* loop = Loop::innermost; loop != nullptr; loop = loop->outer) {
+    if (loop->service == this && loop->is_own_thread) return true;
+  }
+  return false;
+}
+
+void EventService::Post(MessageHandler* handler, int id,
+                        std::shared_ptr<MessageUserdata> userdata) {
+  Enqueue(handler, id, 0, std::move(userdata), nullptr);
+}
+
+void EventService::PostDelay(MessageHandler* handler, int id, long delay_ms,
+                             std::shared_ptr<MessageUserdata> userdata) {
+  Enqueue(handler, id, DueTime(delay_ms), std::move(userdata), nullptr);
+}
+
+void EventService::Post(int id, std::function<void(Message*)> func) {
+  Enqueue(nullptr, id, 0, nullptr, std::move(func));
+}
+
+void EventService::PostDelay(int id, long delay_ms, std::function<void(Message*)> func) {
+  Enqueue(nullptr, id, DueTime(delay_ms), nullptr, std::move(func));
+}
+
+void EventService::Enqueue(MessageHandler* handler, int id, int64_t when,
+                           std::shared_ptr<MessageUserdata> userdata,
+                           std::function<void(Message*)> func) try {
+  auto message = std::make_unique<QueuedMessage>();
+  message->id = id;
+  message->when = when;
+  message->handler = handler;
+  message->userdata = std::move(userdata);
+  message->func = std::move(func);
+
+  queue_.Post(std::move(message));
+  // Pairs with the store in TakeDue.
+  if (sleepers_.load(std::memory_order_seq_cst) > 0) WakeSleeper();
+} catch (const std::bad_alloc&) {
+  BSP_LOG_ERROR(MOD_BSP, "make_shared<Message>() failed");
+}
+
+void EventService::WakeSleeper() {
+  std::shared_ptr<Semaphore> semaphore;
+  {
+    const std::lock_guard<std::mutex> lock(queue_mutex_);
+    const Message* const known = queue_.KnownFirst();
+    if (queue_.First() == known || sleepers_ == 0) return;
+    --sleepers_;
+    semaphore = semaphore_;
+  }
+  // Behind the lock, which the woken thread takes at once. The service itself may be gone by now,
+  // if the message was the last that its owner waited for.
+  semaphore->Signal();
+}
+
+void EventService::Clear(int id) {
+  if (id < 0) return;
+  MessageQueue removed;  // destroyed behind the lock: what messages hold may post in turn
+  const std::lock_guard<std::mutex> lock(queue_mutex_);
+  if (id == 0) {
+    queue_.RemoveAll(&removed);
+  } else {
+    queue_.Remove(id, &removed);
+  }
+}
+
+void EventService::Dispatch(bool run) {
+  if (Init() != kOk) return;  // nothing to sleep on; the log says so
+  running_ = run;
+  Loop loop(this, false);
+  RunLoop(&loop);
+}
+
+void EventService::RunLoop(Loop* loop) {
+  while (RunPass(loop) && running_) {
+  }
+}
+
+// False when a handler destroyed the service: nothing of it may be touched then.
+bool EventService::RunPass(Loop* loop) {
+  int64_t wait_ns = 0;
+  std::unique_ptr<QueuedMessage> message = TakeDue(&wait_ns);
+  if (!message) {
+    Wait(wait_ns);
+    return true;
+  }
+  if (message->handler != nullptr) message->handler->OnMessage(message.get());
+  if (message->func) message->func(message.get());
+  message.reset();
+  return loop->service != nullptr;
+}
+
+// The first message if it is due. Else null, with the time to sleep, and the caller stands in
+// sleepers_.
+std::unique_ptr<QueuedMessage> EventService::TakeDue(int64_t* wait_ns) {
+  const std::lock_guard<std::mutex> lock(queue_mutex_);
+  for (;;) {
+    const Message* const first = queue_.First();
+    *wait_ns = first != nullptr ? TimeToRun(first->when) : kLongestWaitNanos;
+    if (*wait_ns == 0) return queue_.PopFirst();
+    // Told first, then looked: a post either sees the sleeper or is seen here.
+    sleepers_.fetch_add(1, std::memory_order_seq_cst);
+    if (!queue_.HasPosted()) return nullptr;
+    --sleepers_;
+  }
+}
+
+void EventService::Wait(int64_t wait_ns) {
+  // The semaphore is never exchanged once it is set, and set before any thread comes here.
+  if (semaphore_->WaitNanos(wait_ns)) return;
+  const std::lock_guard<std::mutex> lock(queue_mutex_);
+  if (sleepers_ > 0) --sleepers_;  // 0: a post was faster; its count ends a later wait early
+}
+
+}  // namespace bsp

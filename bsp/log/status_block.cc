@@ -1,0 +1,168 @@
+// The life of a status record.
+//
+// A record is free while the first byte of mod_name is 0, and taken for good once a name stands
+// there. Modules start at the same moment at every boot, each in its own process, and the block has
+// no lock. So a record is claimed through the first eight bytes of mod_name, one aligned word, in
+// three steps:
+//
+//   free     first byte 0, the rest anything
+//   claimed  0, "clm", pid of the claimant: set by compare-and-swap, so one claimant wins and the
+//            others go on to the next record. For every reader the record is still free.
+//   taken    the first eight bytes of the name: set by compare-and-swap with release order, after
+//            all other fields and the rest of the name.
+//
+// What must hold: only the winner of the first swap writes the fields, so that a late loser cannot
+// wipe tag slots that the winner is using already; and who reads a non-empty name reads the fields
+// that belong to it, so that no check of the watchdog finds a new module with an old feed time.
+//
+// The log server may zero the block at any moment of this. Then the second swap fails and the
+// claimant starts over. A claimant that died between the two swaps leaves its pid behind, and the
+// record is taken over; if the pid lives again in another process, the record is passed over until
+// the server's next start.
+//
+// Rejected: filling in the fields before the one swap that sets the name. Two claimants would fill
+// in the same record, and the loser's stores can land behind the winner's first use.
+#include "bsp/log/status_block.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "bsp/util/time_util.h"
+
+namespace bsp {
+namespace {
+
+constexpr size_t kNameSize = 32;
+constexpr size_t kMostNameChars = 30;
+constexpr char kClaimMark[4] = {'\0', 'c', 'l', 'm'};
+
+// The name field as words; the attribute lets them overlay the characters.
+using NameWord __attribute__((may_alias)) = uint64_t;
+constexpr size_t kNameWords = kNameSize / sizeof(NameWord);
+static_assert((offsetof(SystemStatus, mods) + offsetof(ModSta, mod_name)) % sizeof(NameWord) == 0 &&
+                  sizeof(ModSta) % sizeof(NameWord) == 0,
+              "each mod_name begins at an aligned word");
+
+NameWord* NameWords(ModSta* mod) { return reinterpret_cast<NameWord*>(mod->mod_name); }
+
+uint64_t OwnMark() {
+  uint64_t mark;
+  const int32_t pid = getpid();
+  memcpy(&mark, kClaimMark, sizeof kClaimMark);
+  memcpy(reinterpret_cast<char*>(&mark) + sizeof kClaimMark, &pid, sizeof pid);
+  return mark;
+}
+
+bool IsTaken(uint64_t first) { return *reinterpret_cast<const char*>(&first) != '\0'; }
+
+// True while the process that set this mark lives. Any other bytes behind a 0 are garbage.
+bool IsClaimed(uint64_t first) {
+  if (memcmp(&first, kClaimMark, sizeof kClaimMark) != 0) return false;
+  int32_t pid;
+  memcpy(&pid, reinterpret_cast<const char*>(&first) + sizeof kClaimMark, sizeof pid);
+  return pid > 0 && (kill(pid, 0) == 0 || errno != ESRCH);
+}
+
+// First swap: free to claimed. Its acquire half keeps the stores to the fields behind it.
+bool Reserve(ModSta* mod, uint64_t mark) {
+  uint64_t first = LoadWord(NameWords(mod)[0]);
+  if (IsTaken(first) || IsClaimed(first)) return false;
+  return __atomic_compare_exchange_n(NameWords(mod), &first, mark, false, __ATOMIC_ACQUIRE,
+                                     __ATOMIC_RELAXED);
+}
+
+// Second swap: claimed to taken. False when the log server has cleared the block meanwhile. The
+// release pairs with the acquire in CopyName.
+bool Publish(ModSta* mod, uint64_t mark, const std::string& name) {
+  uint64_t words[kNameWords] = {};
+  memcpy(words, name.c_str(), std::min(strlen(name.c_str()), kMostNameChars));
+  for (size_t i = 1; i < kNameWords; ++i) StoreWord(NameWords(mod)[i], words[i]);
+  return __atomic_compare_exchange_n(NameWords(mod), &mark, words[0], false, __ATOMIC_RELEASE,
+                                     __ATOMIC_RELAXED);
+}
+
+void FillIn(ModSta* mod, const ModuleStart& start) {
+  if (start.sets_running) StoreWord(mod->running, 1);
+  StoreWord(mod->feed_cnt, 0);
+  StoreWord(mod->timeout, start.timeout);
+  StoreWord(mod->feed_time, TimeUtil::ClockSecond());
+  ResetTagSlots(mod);
+}
+
+}  // namespace
+
+size_t CopyName(const char (&field)[32], char (&name)[33]) {
+  // Acquire on the first byte: pairs with the release in Publish, whose word begins with it.
+  name[0] = __atomic_load_n(&field[0], __ATOMIC_ACQUIRE);
+  size_t length = 0;
+  while (length < kNameSize && name[length] != '\0') {
+    ++length;
+    name[length] = length < kNameSize ? LoadWord(field[length]) : '\0';
+  }
+  return length;
+}
+
+std::string NameOf(const char (&field)[32]) {
+  char name[33];
+  const size_t length = CopyName(field, name);
+  return std::string(name, length);
+}
+
+int FindModule(const SystemStatus& sta, const std::string& name) {
+  char found[33];
+  for (int i = 0; i < kMaxModules; ++i) {
+    const size_t length = CopyName(sta.mods[i].mod_name, found);
+    if (length != 0 && name.compare(0, std::string::npos, found, length) == 0) return i;
+  }
+  return -1;
+}
+
+int ClaimModule(SystemStatus* sta, const std::string& name, const ModuleStart& start) {
+  if (*name.c_str() == '\0') return -1;  // would leave the record free, for the next to take
+  const uint64_t mark = OwnMark();
+  // 4: the block is cleared only at the log server's start, which cannot overtake us time and again
+  for (int attempt = 0; attempt < 4; ++attempt) {
+    int i = 0;
+    while (i < kMaxModules && !Reserve(&sta->mods[i], mark)) ++i;
+    if (i == kMaxModules) return -1;
+    FillIn(&sta->mods[i], start);
+    if (Publish(&sta->mods[i], mark, name)) return i;
+  }
+  return -1;
+}
+
+void RenewModule(ModSta* mod) {
+  StoreWord(mod->feed_cnt, 1);
+  StoreWord(mod->feed_time, TimeUtil::ClockSecond());
+}
+
+void ResetTagSlots(ModSta* mod) {
+  for (LogModSta& slot : mod->logs) {
+    for (char& byte : slot.log_name) StoreWord(byte, '\0');
+    StoreWord(slot.reserved, 0);
+    StoreWord(slot.log_level, static_cast<int32_t>(BSP_LEVEL_INFO));
+  }
+}
+
+void SetTagName(LogModSta* slot, const std::string& tag) {
+  char name[kNameSize] = {};
+  memcpy(name, tag.c_str(), std::min(strlen(tag.c_str()), kMostNameChars));
+  for (size_t i = kNameSize; i-- > 0;) StoreWord(slot->log_name[i], name[i]);
+}
+
+void SetModuleLevel(ModSta* mod, int32_t level) {
+  StoreWord(mod->log_level, level);
+  for (LogModSta& slot : mod->logs) StoreWord(slot.log_level, level);
+}
+
+void ClearBlock(SystemStatus* sta) {
+  using Word __attribute__((may_alias)) = uint64_t;
+  Word* words = reinterpret_cast<Word*>(sta);
+  for (size_t i = 0; i < sizeof *sta / sizeof *words; ++i) StoreWord(words[i], uint64_t{0});
+}
+
+}  // namespace bsp

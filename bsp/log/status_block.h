@@ -1,0 +1,67 @@
+// The status block as all processes write it: names, claims, words.
+#ifndef BSP_LOG_STATUS_BLOCK_H_
+#define BSP_LOG_STATUS_BLOCK_H_
+
+#include <string>
+
+#include "bsp/base/macros.h"
+#include "bsp/log/log_msg.h"
+#include "bsp/shmc/shm_handle.h"
+
+namespace bsp {
+
+using StatusBlockHandle = shmc::ShmHandle<SystemStatus, shmc::impl::SVIPCShmAlloc<false>>;
+
+// A word of the block. The block has no lock: each field is one naturally aligned word that any
+// process may read or write at any time.
+template <typename T>
+T LoadWord(const T& word) {
+  return __atomic_load_n(&word, __ATOMIC_RELAXED);
+}
+template <typename T>
+void StoreWord(T& word, T value) {
+  __atomic_store_n(&word, value, __ATOMIC_RELAXED);
+}
+
+// Seconds that a module may let pass without a feed: one that registered itself, and one that the
+// log server registered from its configuration.
+constexpr int32_t kClientTimeoutSeconds = 20;
+constexpr int32_t kServerTimeoutSeconds = 60;
+
+// Copies a name field of the block, whatever bytes it holds, into 33 bytes with a terminator; an
+// empty name marks a free record or slot. Returns its length.
+BSP_EXPORT size_t CopyName(const char (&field)[32], char (&name)[33]);
+BSP_EXPORT std::string NameOf(const char (&field)[32]);
+
+// Index of the record with exactly this name, -1 when there is none.
+BSP_EXPORT int FindModule(const SystemStatus& sta, const std::string& name);
+
+// How a new record starts.
+struct ModuleStart {
+  int32_t timeout;    // seconds
+  bool sets_running;  // whether `running` becomes 1, else it is left alone
+};
+
+// Takes the first free record for a new name, which is stored cut to 30 characters. The record
+// becomes visible with all its fields set, and two callers in any two processes never get the same
+// one. The index; -1 for an empty name or when all 32 are taken.
+int ClaimModule(SystemStatus* sta, const std::string& name, const ModuleStart& start);
+
+// The module of this record has come up again: one feed, just now.
+void RenewModule(ModSta* mod);
+
+// Empties all 32 tag slots, each with level 6.
+void ResetTagSlots(ModSta* mod);
+
+// Names the slot, cut to 30 characters.
+void SetTagName(LogModSta* slot, const std::string& tag);
+
+// Sets the threshold of the module and of all its tags, free slots included. `level` is 0 to 7.
+BSP_EXPORT void SetModuleLevel(ModSta* mod, int32_t level);
+
+// Zeroes the block: what modules registered before is gone.
+void ClearBlock(SystemStatus* sta);
+
+}  // namespace bsp
+
+#endif  // BSP_LOG_STATUS_BLOCK_H_

@@ -1,0 +1,328 @@
+// The log server's loop.
+//
+// One thread, the host's, does everything between Start and Stop: it waits a second at most for
+// datagrams, stores them, and behind each turn looks at the clock for the watchdog pass and at the
+// store for its trim and its commit by time. So nothing here needs a lock but the end: Stop runs on
+// another thread and deletes what the loop uses. It clears running_, makes wake_fd_ readable, so
+// that the loop leaves its wait at once, and waits until loop_thread_ is none; a loop that enters
+// later finds running_ clear and touches nothing. A sleep in place of this would delete the store
+// under a turn that takes longer.
+//
+// With several datagrams a turn the steps for one datagram, the trim included, are taken for each,
+// so that the same rows are stored and trimmed as with one; only system calls are saved.
+#include "bsp/log/sys_log_srv.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <utility>
+#include <vector>
+
+#include "bsp/log/log.h"
+#include "bsp/log/log_srv_cfg.h"
+#include "bsp/log/status_block.h"
+#include "bsp/util/file_util.h"
+#include "bsp/util/string_helper.h"
+#include "bsp/util/time_util.h"
+
+namespace bsp {
+namespace {
+
+constexpr int kTurnMs = 1000;
+constexpr int32_t kMostTextBytes = 1023;
+constexpr int64_t kDrainMs = 1000;
+
+// While it exists, a late module does not stop the feeding of the device watchdog.
+constexpr const char kWdgCloseFile[] = "/mnt/nand/watchdog_close.conf";
+
+std::string FirstLine(const std::string& text) { return text.substr(0, text.find('\n')); }
+
+std::string HostText(uint32_t host) {
+  return StringHelper::Format("%u.%u.%u.%u", host >> 24, host >> 16 & 255, host >> 8 & 255,
+                              host & 255);
+}
+
+}  // namespace
+
+// ---- Life
+
+SystemLogServer::SystemLogServer(LogSrvOptions options)
+    : options_(std::move(options)),
+      receiver_(options_.datagrams_per_turn, options_.receive_buffer_bytes) {}
+
+SystemLogServer::~SystemLogServer() { SystemLogServer::Stop(); }
+
+bool SystemLogServer::Start(const std::string& name) {
+  error_.clear();
+  if (sta_ptr_ != nullptr) return Fail("the log server is started already");
+  InitLogCfg();
+  if (!Open(name)) {
+    TearDown();
+    return false;
+  }
+  SysLogMsgRec(std::string("System start ...") + TimeUtil::TimeMillisStr());
+  running_ = true;
+  return true;
+}
+
+// What can fail without a trace comes first: the block and the store are not touched then.
+bool SystemLogServer::Open(const std::string& name) {
+  std::string why;
+  wdg_ = std::make_unique<SysWdg>(cfg_, options_.watchdog_device);
+  if (!wdg_->CheckDeviceWatchDog(&why)) return Fail(why);
+  wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (wake_fd_ == -1) return Fail(StringHelper::Format("eventfd failed: %s", strerror(errno)));
+  if (options_.bind_at_start && !OpenReceiver()) return false;
+
+  if (!SysLog::Start(name)) {
+    BSP_LOG_ERROR(MOD_BSP, "SysLog start failed.");
+    const std::string owner = shmc::impl::SVIPCShmAlloc<false>::DescribeOwner(kSystemStatusName);
+    return Fail(
+        StringHelper::Format("cannot attach the status block %s; %s", kSystemStatusName,
+                             owner.empty() ? "no such segment could be made" : owner.c_str()));
+  }
+  if (!wdg_->Init(sta_ptr_)) {
+    BSP_LOG_ERROR(MOD_BSP, "watchdog init failed.");
+    return Fail("watchdog init failed");
+  }
+  rec_ = std::make_unique<SysLogRec>(cfg_, options_.database);
+  if (!rec_->Init(cfg_.log_db_file)) {
+    BSP_LOG_ERROR(MOD_BSP, "log rec init failed.");
+    return Fail("log store: " + FirstLine(rec_->InitError()->Message()));
+  }
+  return true;
+}
+
+bool SystemLogServer::OpenReceiver() {
+  drops_ = 0;
+  if (receiver_.Open()) return true;
+  return Fail(StringHelper::Format("cannot receive on UDP port %d: is another log server running?",
+                                   kLogPort));
+}
+
+bool SystemLogServer::Fail(const std::string& why) {
+  error_ = why;
+  return false;
+}
+
+void SystemLogServer::Stop() {
+  running_ = false;
+  if (wake_fd_ != -1) eventfd_write(wake_fd_, 1);
+  std::unique_lock<std::mutex> lock(loop_mutex_);
+  if (loop_thread_ == std::this_thread::get_id()) {
+    BSP_LOG_ERROR(MOD_BSP, "Stop on the loop's own thread only ends the loop");
+    return;
+  }
+  loop_left_.wait(lock, [this] { return loop_thread_ == std::thread::id(); });
+  // The lock is held to the end: a loop that enters now has to wait, and then finds nothing to do.
+  if (options_.flush_at_stop && rec_) Drain();
+  TearDown();
+}
+
+void SystemLogServer::TearDown() {
+  receiver_.Close();
+  SysLog::Stop();
+  wdg_.reset();
+  rec_.reset();
+  Socket::Close(wake_fd_);
+}
+
+void SystemLogServer::InitLogCfg() { ReadLogSrvCfg(kLogSrvCfgFile, &cfg_, &error_); }
+
+// ---- The loop
+
+// Notes the thread of the loop while it runs, however it ends.
+class SystemLogServer::LoopMark {
+ public:
+  explicit LoopMark(SystemLogServer* server) : server_(server) {
+    std::lock_guard<std::mutex> lock(server_->loop_mutex_);
+    is_only_ = server_->loop_thread_ == std::thread::id();
+    if (is_only_) server_->loop_thread_ = std::this_thread::get_id();
+  }
+  LoopMark(const LoopMark&) = delete;
+  LoopMark& operator=(const LoopMark&) = delete;
+  ~LoopMark() {
+    if (!is_only_) return;
+    // Told under the lock: behind it the server may be gone.
+    std::lock_guard<std::mutex> lock(server_->loop_mutex_);
+    server_->loop_thread_ = std::thread::id();
+    server_->loop_left_.notify_all();
+  }
+  bool is_only() const { return is_only_; }
+
+ private:
+  SystemLogServer* server_;
+  bool is_only_;
+};
+
+void SystemLogServer::RunLoopLog() {
+  const LoopMark mark(this);
+  if (!mark.is_only()) {
+    BSP_LOG_ERROR(MOD_BSP, "the loop of the log server runs already");
+    return;
+  }
+  if (BeginLoop()) {
+    while (running_ && Turn()) {
+    }
+  }
+  if (!options_.flush_at_stop || !rec_) receiver_.Close();  // else Stop reads the rest
+}
+
+bool SystemLogServer::BeginLoop() {
+  if (!receiver_.IsOpen() && !OpenReceiver()) return false;
+  BSP_LOG_INFO(MOD_BSP, "UDP listening 0.0.0.0:%d...", kLogPort);
+  pass_time_ = TimeUtil::ClockSecond();
+  if (!running_) return true;
+  std::string why;
+  if (!wdg_->ArmDeviceWatchDog(&why)) {
+    BSP_LOG_ERROR(MOD_BSP, "%s", why.c_str());
+    return Fail(why);
+  }
+  if (options_.on_ready) options_.on_ready();
+  return true;
+}
+
+// False when the loop cannot go on.
+bool SystemLogServer::Turn() {
+  const LogReceiver::Event event = receiver_.Wait(wake_fd_, kTurnMs);
+  if (event == LogReceiver::Event::kFailure) {
+    error_ = StringHelper::Format("waiting for datagrams failed: %s", strerror(errno));
+    BSP_LOG_ERROR(MOD_BSP, "select failed");
+    return false;
+  }
+  const bool is_skipped = event == LogReceiver::Event::kDatagram && !ReceiveTurn();
+  if (options_.on_turn) options_.on_turn();
+  if (is_skipped && options_.datagrams_per_turn <= 1) return true;
+
+  const int64_t now = TimeUtil::ClockSecond();
+  if (now - pass_time_ > kWdgPassSeconds) {
+    pass_time_ = now;
+    WatchdogPass();
+  }
+  if (options_.record_drops && now != drops_time_) {
+    drops_time_ = now;
+    RecordDrops();
+  }
+  rec_->Recycle();
+  return true;
+}
+
+// Reads and handles what waits, as many as a turn may; false when the last one was skipped.
+bool SystemLogServer::ReceiveTurn() {
+  bool is_handled = false;
+  for (const LogReceiver::Datagram& datagram : receiver_.Receive()) {
+    is_handled = HandleDatagram(datagram);
+    if (is_handled) rec_->Recycle();
+  }
+  return is_handled;
+}
+
+// False when the datagram is skipped.
+bool SystemLogServer::HandleDatagram(const LogReceiver::Datagram& datagram) {
+  if (datagram.length <= 0) {
+    BSP_LOG_ERROR(MOD_BSP, "UDP therefrom failed");
+    return false;
+  }
+  if (options_.loopback_only && datagram.from_host >> 24 != 127) {
+    if (!has_refused_) {
+      BSP_LOG_WARN(MOD_BSP, "datagrams from %s and other machines are dropped",
+                   HostText(datagram.from_host).c_str());
+    }
+    has_refused_ = true;
+    return false;
+  }
+  LogMsg& msg = *datagram.msg;
+  if (msg.len < 0 || msg.len > kMostTextBytes) return false;
+  msg.log[msg.len] = '\0';
+  msg.mod_name[sizeof msg.mod_name - 1] = '\0';
+  if (msg.magic == kLogMagic) LogMsgProc(msg);
+  return true;
+}
+
+// Stores what reached the socket before the end of the loop. Bounded, since senders may go on.
+void SystemLogServer::Drain() {
+  const int64_t end_ms = TimeUtil::ClockMillis() + kDrainMs;
+  while (receiver_.IsOpen() && TimeUtil::ClockMillis() < end_ms &&
+         receiver_.Wait(-1, 0) == LogReceiver::Event::kDatagram) {
+    ReceiveTurn();
+  }
+  if (options_.record_drops && receiver_.IsOpen()) RecordDrops();
+  rec_->Flush();
+}
+
+void SystemLogServer::WatchdogPass() {
+  std::string late;
+  if (!wdg_->IsHadTimeOut(late)) {
+    wdg_->FeedDeviceWatchDog();
+    return;
+  }
+  TimeOutProc(late);
+  if (LoadWord(sta_ptr_->wdg_enable) == 0) wdg_->FeedDeviceWatchDog();
+  if (FileUtil::IsFileExist(kWdgCloseFile)) wdg_->FeedDeviceWatchDog();
+}
+
+void SystemLogServer::RecordDrops() {
+  const uint32_t drops = receiver_.CountDrops();
+  if (drops == drops_) return;
+  RecordOwn(
+      BSP_LEVEL_WARN,
+      StringHelper::Format("%u log datagrams lost, the receive buffer was full", drops - drops_));
+  drops_ = drops;
+}
+
+// ---- Records
+
+void SystemLogServer::LogMsgProc(LogMsg& msg) {
+  if (!rec_) return;
+  BSP_LOG_DEBUG(MOD_BSP, "msg %lld %s", static_cast<long long>(msg.timems), msg.log);
+  switch (msg.type) {
+    case LOG_TYPE_FEED_DOG:
+      if (wdg_) wdg_->FeedModuleWatchDog(msg.mod_name);
+      break;
+    case LOG_TYPE_SEARCH:
+      Search();
+      break;
+    default:
+      rec_->Record(msg);
+  }
+}
+
+// A look at the store for whoever reads our log lines.
+void SystemLogServer::Search() {
+  SearchReq req;
+  req.type = LOG_TYPE_BUS;
+  req.end_ms = 0x0fffffffffffffff;
+  int count = 0;
+  rec_->SearchCount(req, count);
+  std::vector<LogMsg> found;
+  if (rec_->Search(req, found) != 0) {
+    BSP_LOG_ERROR(MOD_BSP, "Search failed.");
+    return;
+  }
+  const int size = static_cast<int>(found.size());
+  BSP_LOG_INFO(MOD_BSP, "req %d, total count %d", req.type, size);
+  BSP_LOG_INFO(MOD_BSP, "req %d, total count %d, resp size %d", req.type, count, size);
+}
+
+void SystemLogServer::TimeOutProc(const std::string& text) {
+  static std::atomic<bool> is_told{false};
+  if (is_told.exchange(true)) return;
+  SysLogMsgRec(text);
+  BSP_LOG_ERROR(MOD_BSP, "timeout log: %s", text.c_str());
+}
+
+void SystemLogServer::SysLogMsgRec(const std::string& text) { RecordOwn(BSP_LEVEL_ERROR, text); }
+
+void SystemLogServer::RecordOwn(int32_t level, const std::string& text) {
+  LogMsg msg = kLogMsgPrototype;
+  msg.type = LOG_TYPE_SYS;
+  msg.level = level;
+  msg.timems = TimeUtil::TimeMillis();
+  snprintf(msg.log, kMostTextBytes, "%s %s", TimeUtil::TimeMillisStr(), text.c_str());
+  if (rec_) rec_->Record(msg);
+}
+
+}  // namespace bsp

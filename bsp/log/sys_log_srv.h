@@ -1,0 +1,143 @@
+// The log server: the one receiver of the system log on a machine.
+#ifndef BSP_LOG_SYS_LOG_SRV_H_
+#define BSP_LOG_SYS_LOG_SRV_H_
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "bsp/base/macros.h"
+#include "bsp/db/database.h"
+#include "bsp/log/log_msg.h"
+#include "bsp/log/log_receiver.h"
+#include "bsp/log/sys_log_cli.h"
+#include "bsp/log/sys_log_rec.h"
+#include "bsp/log/sys_wdg.h"
+
+namespace bsp {
+
+constexpr const char kLogSrvCfgFile[] = "./com_srv_app.ini";
+
+// What goes beyond the stock behaviour; all off by default.
+struct LogSrvOptions {
+  // An orderly stop first stores what has reached the socket before it, for a second at most, and
+  // commits the open batch: it loses no row.
+  bool flush_at_stop = false;
+
+  // Start takes the port, before it touches the block or the database, and fails when it is taken:
+  // a second log server on the machine does no harm, and no datagram behind Start is lost.
+  bool bind_at_start = false;
+
+  // Receive buffer to ask the system for; 0: its default, about 90 datagrams. A warning tells when
+  // it grants less.
+  int receive_buffer_bytes = 0;
+
+  // Most datagrams read in one turn. Above 1, the watchdog pass and the commit by time run behind
+  // every turn, whatever the datagrams were; with 1, a turn whose datagram is empty or has a bad
+  // length ends at once, so that a stream of such datagrams keeps them from running.
+  int datagrams_per_turn = 1;
+
+  // Datagrams that the kernel dropped become a row of type 2, level 4, at most one a second.
+  bool record_drops = false;
+
+  // Datagrams from other than 127.0.0.0/8 are dropped.
+  bool loopback_only = false;
+
+  // Device to keep alive with each feed, such as "/dev/watchdog"; empty: none. Armed when the loop
+  // is about to receive, disarmed by Stop.
+  std::string watchdog_device;
+
+  DataBaseOptions database;
+
+  // Called on the loop's thread: once when it is about to receive (what is sent behind the call is
+  // stored), and once a turn, at least about once a second. Must not call Stop.
+  std::function<void()> on_ready;
+  std::function<void()> on_turn;
+};
+
+// Receives records on UDP port 12122, stores them, watches the modules. Call order: construct,
+// Start, RunLoopLog on a thread of the host's choice, Stop from another one. Start may follow Stop.
+//
+// Threads: as the call order tells; everything else belongs to the loop's thread while it runs.
+class BSP_EXPORT SystemLogServer : public SysLog {
+ public:
+  explicit SystemLogServer(LogSrvOptions options = LogSrvOptions());
+  ~SystemLogServer() override;
+
+  // Reads the configuration, clears the status block and registers the configured modules, opens
+  // the store and writes the row that marks the start. False, with all undone and the reason in
+  // error(), on failure. Throws what InitLogCfg throws.
+  bool Start(const std::string& name) override;
+
+  // Ends the loop, returns when it has left, and closes everything.
+  void Stop() override;
+
+  // Reads "./com_srv_app.ini" of the working directory into cfg(). What is missing, and a size or
+  // path that makes no sense, has the default of LogSrvCfg. Throws std::logic_error when the file
+  // breaks the grammar (also std::invalid_argument, when a number is none), with file, line and
+  // fault in error().
+  void InitLogCfg();
+
+  // Receives until Stop, or until it cannot go on, with the reason in error().
+  void RunLoopLog();
+
+  // Handles one received record by its type. Its texts are terminated.
+  void LogMsgProc(LogMsg& msg);
+
+  // Records that modules are late: a row and a log line, for the first time in the process's life.
+  void TimeOutProc(const std::string& text);
+
+  // Stores a row of type 2, level 3, in the server's own name.
+  void SysLogMsgRec(const std::string& text);
+
+  const LogSrvCfg& cfg() const { return cfg_; }
+
+  // Why the last Start or RunLoopLog failed, one line; empty when it did not. Not while either
+  // runs.
+  const std::string& error() const { return error_; }
+
+ private:
+  class LoopMark;
+
+  bool Open(const std::string& name);
+  bool OpenReceiver();
+  bool Fail(const std::string& why);
+  void TearDown();
+
+  bool BeginLoop();
+  bool Turn();
+  bool ReceiveTurn();
+  bool HandleDatagram(const LogReceiver::Datagram& datagram);
+  void WatchdogPass();
+  void RecordDrops();
+  void Drain();
+  void Search();
+  void RecordOwn(int32_t level, const std::string& text);
+
+  std::atomic<bool> running_{false};  // from the end of Start to Stop
+  LogSrvCfg cfg_;
+  std::unique_ptr<SysWdg> wdg_;
+  std::unique_ptr<SysLogRec> rec_;
+
+  const LogSrvOptions options_;
+  LogReceiver receiver_;
+  std::string error_;
+  int wake_fd_ = -1;          // readable once Stop has been called
+  int64_t pass_time_ = 0;     // ClockSecond of the last watchdog pass
+  int64_t drops_time_ = 0;    // ClockSecond of the last look at the drops
+  uint32_t drops_ = 0;        // drops told so far
+  bool has_refused_ = false;  // a foreign sender has been told of
+
+  std::mutex loop_mutex_;  // guards the two below
+  std::condition_variable loop_left_;
+  std::thread::id loop_thread_;  // none: no loop runs
+};
+
+}  // namespace bsp
+
+#endif  // BSP_LOG_SYS_LOG_SRV_H_

@@ -1,0 +1,76 @@
+// The module watchdog of the log server.
+#ifndef BSP_LOG_SYS_WDG_H_
+#define BSP_LOG_SYS_WDG_H_
+
+#include <cstdint>
+#include <string>
+
+#include "bsp/base/macros.h"
+#include "bsp/log/log_msg.h"
+
+namespace bsp {
+
+// The server's loop checks the modules when more than this has gone by since the last check.
+constexpr int64_t kWdgPassSeconds = 4;
+
+// Watches the feeds of all modules in the status block, and keeps the device watchdog alive when
+// told to. Times are ClockSecond, which no setting of the wall clock moves.
+//
+// The device: without a path, which is the default, its operations do nothing. With one, opening
+// the device arms it, so that is a step of its own, ArmDeviceWatchDog, for the moment from which
+// the loop will feed it.
+//
+// Threads: one at a time. Modules write the block at the same time, each field a word.
+class BSP_EXPORT SysWdg {
+ public:
+  // cfg has to outlive the object; `modules` is read from it. device_path: such as "/dev/watchdog";
+  // empty: none.
+  explicit SysWdg(LogSrvCfg& cfg, std::string device_path = std::string());
+  SysWdg(const SysWdg&) = delete;
+  SysWdg& operator=(const SysWdg&) = delete;
+  ~SysWdg();
+
+  // Binds the block, clears it, registers the configured modules. False for a null pointer.
+  bool Init(SystemStatus* sta);
+
+  // Clears the block, so that what clients registered before is gone, and registers the configured
+  // modules. One that finds no record is logged, and the others follow. False without a block.
+  bool InitDefaultModule();
+
+  // Finds the record of this name and counts a feed for it, or takes a free one with a time-out of
+  // 60 seconds. Null when there is none.
+  static ModSta* ModuleRegister(SystemStatus* sta, const std::string& name);
+
+  // Counts a feed for the first record whose name `mod` is, or begins.
+  void FeedModuleWatchDog(const char* mod);
+
+  // One check of all records. A module is late that has not fed since the last check and whose last
+  // feed is longer ago than its time-out. True when one is; `out` then names all late ones with the
+  // seconds gone by and their time-outs, else it is empty.
+  bool IsHadTimeOut(std::string& out);
+
+  // Opens nothing; true.
+  bool InitDeviceWatchDog();
+  // Keeps an armed device alive for one more of its time-outs.
+  void FeedDeviceWatchDog();
+  // Disarms the device by the magic close and closes it; a driver built never to stop goes on.
+  void DeInitDeviceWatchDog();
+
+  // Whether the path can be a watchdog device that we may write to; *why when not. Does not open
+  // it. True without a path.
+  bool CheckDeviceWatchDog(std::string* why) const;
+
+  // Opens and so arms the device. False, with *why and the device disarmed again, when it cannot be
+  // opened, is no watchdog, or has a time-out below three passes. True without a path.
+  bool ArmDeviceWatchDog(std::string* why);
+
+ private:
+  LogSrvCfg& cfg_;
+  int32_t dev_fd_ = -1;              // the armed device
+  SystemStatus* sta_ptr_ = nullptr;  // null until Init
+  const std::string device_path_;
+};
+
+}  // namespace bsp
+
+#endif  // BSP_LOG_SYS_WDG_H_

@@ -1,0 +1,292 @@
+// Database wrapper.
+#include "bsp/db/database.h"
+
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "bsp/log/log.h"
+#include "bsp/util/file_util.h"
+#include "tests/support/test_env.h"
+
+namespace {
+
+using bsp::DataBase;
+using bsp::DataBaseOptions;
+using bsp::FileUtil;
+
+constexpr DataBaseOptions kAllOptions = {true, true};
+
+// Failures are expected here, and each is told in a line.
+const bool g_is_silent = (g_log_level = BSP_LEVEL_EMERG, true);
+
+std::string TextOf(const std::shared_ptr<MSError>& error) {
+  return error ? error->Message() : std::string();
+}
+
+#define EXPECT_OK(call) EXPECT_EQ(TextOf(call), "")
+#define ASSERT_OK(call) ASSERT_EQ(TextOf(call), "")
+#define EXPECT_FAILS(call, part) EXPECT_NE(TextOf(call).find(part), std::string::npos)
+
+std::string One(DataBase& db, const std::string& sql) {
+  std::string text = "no row";
+  EXPECT_OK(db.Query(sql, [&](int, char** values, char**) {
+    text = values[0] != nullptr ? values[0] : "NULL";
+    return 0;
+  }));
+  return text;
+}
+
+// A file with one table "t" of `rows` rows.
+std::string MakeDatabase(const std::string& path, int rows, const DataBaseOptions& options = {}) {
+  DataBase db(options);
+  EXPECT_OK(db.Init(path));
+  EXPECT_OK(db.Exec("CREATE TABLE t (a INTEGER, b TEXT); CREATE INDEX i ON t (b); BEGIN;"));
+  for (int i = 0; i < rows; ++i) {
+    EXPECT_OK(db.ExecBound("INSERT INTO t VALUES (?, ?)", {i, {"some text", 9}}));
+  }
+  EXPECT_OK(db.Exec("COMMIT;"));
+  return path;
+}
+
+void Overwrite(const std::string& path, std::streamoff at, const std::string& bytes) {
+  std::fstream(path, std::ios::in | std::ios::out).seekp(at) << bytes;
+}
+
+// Ways to damage a database file of some 20 pages.
+const std::function<void(const std::string&)> kDamages[] = {
+    [](const std::string& path) { FileUtil::WriteToFile(path, std::string(20000, 'g')); },
+    [](const std::string& path) { ASSERT_EQ(truncate(path.c_str(), 3 * 4096 + 100), 0); },
+    [](const std::string& path) { Overwrite(path, 4096, std::string(4096, '\x7f')); },
+    [](const std::string& path) { Overwrite(path, 16, "\xff\xff"); },  // size of a page
+};
+
+long OpenFiles() {
+  const std::filesystem::directory_iterator files("/proc/self/fd");
+  return std::distance(begin(files), end(files));
+}
+
+// Each setting really holds, and a file may change hands between the journals without loss.
+TEST(DataBase, SettingsHoldAndContentStays) {
+  const std::string path = MakeDatabase(test::MakeTempDir() + "/d", 300);
+  for (const bool journal : {false, true, true, false}) {
+    DataBaseOptions options;
+    options.journal = journal;
+    DataBase db(options);
+    ASSERT_OK(db.Init(path));
+    EXPECT_EQ(One(db, "SELECT count(*) FROM t"), "300");
+    EXPECT_EQ(One(db, "PRAGMA journal_mode"), journal ? "wal" : "memory");
+    const char* const settings[][2] = {
+        {"synchronous", "2"},  {"temp_store", "2"},           {"cache_size", "200"},
+        {"page_size", "4096"}, {"auto_vacuum", "0"},          {"soft_heap_limit", "1048576"},
+        {"mmap_size", "0"},    {"locking_mode", "exclusive"},
+    };
+    for (const auto& setting : settings) {
+      EXPECT_EQ(One(db, std::string("PRAGMA ") + setting[0]), setting[1]) << setting[0];
+    }
+    EXPECT_FALSE(FileUtil::IsFileExist(path + "-shm"));
+  }
+  EXPECT_FALSE(FileUtil::IsFileExist(path + "-wal"));  // an orderly close leaves one file
+}
+
+// Whatever is wrong with a file, Init ends with a working empty one. The stock one leaves nothing
+// of the old; with keep_damaged the first stays to be looked at, byte for byte, and no side file of
+// the old is taken for one of the new.
+TEST(DataBase, DamagedFileIsReplaced) {
+  for (const auto& damage : kDamages) {
+    for (const DataBaseOptions& options : {DataBaseOptions(), kAllOptions}) {
+      const std::string path = MakeDatabase(test::MakeTempDir() + "/d", 1000, options);
+      damage(path);
+      std::string first;
+      std::string kept;
+      ASSERT_TRUE(FileUtil::ReadToString(path, first));
+      for (int i = 0; i < 2; ++i) {
+        FileUtil::WriteToFile(path + "-shm", "leftover");
+        DataBase db(options);
+        ASSERT_OK(db.Init(path));
+        EXPECT_EQ(One(db, "SELECT count(*) FROM sqlite_master"), "0");
+        EXPECT_OK(db.Exec("CREATE TABLE t (a)"));
+        EXPECT_EQ(FileUtil::IsFileExist(path + "-shm"), !options.keep_damaged);
+        EXPECT_EQ(FileUtil::IsFileExist(path + ".damaged"), options.keep_damaged);
+        if (options.keep_damaged) FileUtil::ReadToString(path + ".damaged", kept);
+        EXPECT_TRUE(kept == (options.keep_damaged ? first : ""));
+        db.Close();
+        FileUtil::WriteToFile(path, std::string(5000, 'g'));
+      }
+    }
+  }
+}
+
+// What cannot be replaced is a failure that leaves nothing open, and a closed object refuses all.
+TEST(DataBase, FailedInitClosesAll) {
+  const std::string dir = test::MakeTempDir();
+  MakeDatabase(dir + "/d", 1);
+  DataBase db;
+  const long open_files = OpenFiles();
+  EXPECT_FAILS(db.Init(dir + "/none/d"), "Failed to remove corrupted database: " + dir);
+  EXPECT_FAILS(db.Init(dir), "errno=39");  // a folder that is not empty
+  EXPECT_EQ(OpenFiles(), open_files);
+  EXPECT_FAILS(db.Exec("SELECT 1"), "Exec: db_ is nullptr");
+  EXPECT_FAILS(db.Query("SELECT 1", nullptr), "Query: database not initialized");
+  EXPECT_FAILS(db.ExecBound("SELECT 1", {}), "Exec: db_ is nullptr");
+  EXPECT_FAILS(db.Backup(dir + "/b"), "db_ is nullptr");
+  EXPECT_FALSE(db.IsInTransaction());
+}
+
+// With keep_damaged a sound file that cannot be used costs a clear failure and not the file.
+TEST(DataBase, SoundFileIsNeverReplaced) {
+  NEED_PRIVATE_WORLD();
+  const std::string dir = test::MakeTempDir();
+  const std::string path = MakeDatabase(dir + "/d", 10);
+  DataBase db(kAllOptions);
+  DataBase holder;
+  ASSERT_OK(holder.Init(path));
+  ASSERT_OK(holder.Exec("DELETE FROM t WHERE a = 0"));  // takes the lock for good
+  EXPECT_FAILS(db.Init(path), "does another process hold it?");
+  EXPECT_OK(holder.Close());
+  ASSERT_EQ(mount(dir.c_str(), dir.c_str(), nullptr, MS_BIND, nullptr), 0);
+  ASSERT_EQ(mount(nullptr, dir.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0);
+  EXPECT_FAILS(db.Init(path), "may this process write it?");
+  ASSERT_EQ(umount(dir.c_str()), 0);
+  EXPECT_FAILS(db.Init(dir), "cannot use database " + dir);
+  EXPECT_FAILS(db.Init(dir + "/none/d"), "is its folder there?");
+  ASSERT_OK(db.Init(path));
+  EXPECT_EQ(One(db, "SELECT count(*) FROM t"), "9");
+}
+
+// A failed statement names itself and the reason, and leaves connection and transaction usable.
+TEST(DataBase, FailuresLeaveTheConnectionUsable) {
+  DataBase db;
+  ASSERT_OK(db.Init(MakeDatabase(test::MakeTempDir() + "/d", 3)));
+  EXPECT_OK(db.Commit());  // nothing begun, nothing sent
+  EXPECT_OK(db.Rollback());
+  EXPECT_OK(db.Transaction());
+  EXPECT_OK(db.Exec("DELETE FROM t"));
+  EXPECT_FAILS(db.Exec("DELETE FROM x"), "Exec: DELETE FROM x failed, rc = 1, errmsg = no such ta");
+  EXPECT_FAILS(db.Query("SELECT x", nullptr),
+               "Query: SELECT x failed, rc = 1, errmsg = no such co");
+  EXPECT_FAILS(db.Transaction(), "within a transaction");
+  EXPECT_TRUE(db.IsInTransaction());
+  EXPECT_OK(db.Rollback());
+  EXPECT_FALSE(db.IsInTransaction());
+
+  int calls = 0;
+  const auto end_it = [&](int, char**, char**) { return ++calls; };
+  const auto fail = [](int, char**, char**) -> int { throw std::runtime_error("x"); };
+  EXPECT_FAILS(db.Query("SELECT * FROM t", end_it), "rc = 4,");
+  EXPECT_FAILS(db.Query("SELECT * FROM t", fail), "rc = 4,");
+  EXPECT_OK(db.Query("SELECT * FROM t WHERE a > 5", end_it));
+  EXPECT_EQ(calls, 1);
+
+  EXPECT_OK(db.Transaction());  // and ends with its connection
+  const std::string other = MakeDatabase(test::MakeTempDir() + "/d", 5);
+  const long open_files = OpenFiles();
+  EXPECT_OK(db.Init(other));
+  EXPECT_EQ(OpenFiles(), open_files);
+  EXPECT_OK(db.Commit());
+  EXPECT_EQ(One(db, "SELECT count(*) FROM t"), "5");
+}
+
+// A row callback that calls back is told so, at once, by every operation; then all goes on.
+TEST(DataBase, RowCallbackMustNotCallBack) {
+  const std::string path = MakeDatabase(test::MakeTempDir() + "/d", 1);
+  DataBase db;
+  ASSERT_OK(db.Init(path));
+  ASSERT_OK(db.Transaction());
+  EXPECT_OK(db.Query("SELECT 1", [&](int, char**, char**) {
+    for (const auto& error :
+         {db.Exec("SELECT 1"), db.ExecBound("SELECT 1", {}), db.Query("SELECT 1", nullptr),
+          db.Transaction(), db.Commit(), db.Rollback(), db.Backup(path + "b"), db.Init(path)}) {
+      EXPECT_FAILS(error, "called by a row callback of this database");
+    }
+    EXPECT_OK(db.Close());  // always succeeds, here by doing nothing
+    EXPECT_TRUE(db.IsInTransaction());
+    return 0;
+  }));
+  EXPECT_OK(db.Commit());
+  EXPECT_EQ(One(db, "SELECT count(*) FROM t"), "1");
+}
+
+// Any bytes and any number go in as they are, the count of changed rows is exact, what is not one
+// statement with as many parameters is refused, and no prepared statement outlives its connection.
+TEST(DataBase, BoundValues) {
+  DataBase db;
+  const std::string path = MakeDatabase(test::MakeTempDir() + "/d", 0);
+  const std::string insert = "INSERT INTO t VALUES (?, ?)";
+  ASSERT_OK(db.Init(path));
+  std::string bytes;
+  for (int c = 255; c >= 0; --c) bytes += static_cast<char>(c);
+  int64_t changed = -1;
+  EXPECT_OK(db.ExecBound(insert, {INT64_MIN, {bytes.data(), bytes.size()}}, &changed));
+  EXPECT_EQ(changed, 1);
+  EXPECT_OK(db.ExecBound(insert, {INT64_MAX, {"", 0}}));
+  EXPECT_OK(db.ExecBound("UPDATE t SET a = a WHERE a <> ?", {0}, &changed));
+  EXPECT_EQ(changed, 2);
+  const std::string head = "SELECT typeof(b) || length(CAST(b AS BLOB)) || hex(b) FROM t ";
+  EXPECT_EQ(One(db, head + "WHERE a < 0").substr(0, 15), "text256FFFEFDFC");
+  EXPECT_EQ(One(db, head + "WHERE a > 0"), "text0");
+
+  EXPECT_FAILS(db.ExecBound("DELETE FROM t WHERE a = ?", {}, &changed), "1 parameters, not 0");
+  EXPECT_EQ(changed, 0);
+  EXPECT_FAILS(db.ExecBound("DELETE FROM t; DELETE FROM t", {}), "is not one statement");
+  EXPECT_FAILS(db.ExecBound(" -- nothing", {}), "is not one statement");
+  EXPECT_OK(db.Exec("CREATE UNIQUE INDEX u ON t (a)"));
+  EXPECT_FAILS(db.ExecBound(insert, {INT64_MAX, 1}), "rc = 19,");
+  for (int i = 0; i < 100; ++i) {  // more texts than are kept prepared
+    EXPECT_OK(db.ExecBound("INSERT INTO t VALUES (?, " + std::to_string(i) + ")", {i}));
+  }
+  EXPECT_EQ(One(db, "SELECT count(*) FROM t"), "102");
+  EXPECT_OK(db.Init(path));
+  EXPECT_OK(db.ExecBound(insert, {1000, 1}));
+}
+
+// Threads that share the object neither lose a statement nor meet a connection that one closes.
+TEST(DataBase, ThreadsShareIt) {
+  DataBase db;
+  const std::string path = MakeDatabase(test::MakeTempDir() + "/d", 0);
+  ASSERT_OK(db.Init(path));
+  std::atomic<int> inserted{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 3; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 100; ++i) {
+        inserted += db.ExecBound("INSERT INTO t VALUES (?, ?)", {i, i}) == nullptr;
+        inserted += db.Exec("INSERT INTO t VALUES (1, 2)") == nullptr;
+        db.Query("SELECT max(a) FROM t", [](int, char**, char**) { return 0; });
+      }
+    });
+  }
+  for (int i = 0; i < 5; ++i) EXPECT_OK(db.Init(path));
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_GT(inserted, 300);
+  EXPECT_EQ(One(db, "SELECT count(*) FROM t"), std::to_string(inserted));
+}
+
+// A backup is a database of its own with the content of that moment, whatever was in the file; one
+// that could not be written says so.
+TEST(DataBase, Backup) {
+  NEED_PRIVATE_WORLD();
+  for (const DataBaseOptions& options : {DataBaseOptions(), kAllOptions}) {
+    const std::string dir = test::MakeTempDir();
+    DataBase db(options);
+    ASSERT_OK(db.Init(MakeDatabase(dir + "/d", 2000, options)));
+    EXPECT_OK(db.Backup(MakeDatabase(dir + "/b", 3000)));
+    EXPECT_OK(db.Exec("DELETE FROM t"));
+    DataBase copy(options);
+    ASSERT_OK(copy.Init(dir + "/b"));
+    EXPECT_EQ(One(copy, "SELECT count(*) || sum(a) FROM t"), "20001999000");
+    EXPECT_FAILS(db.Backup(dir), "Failed to open backup db");
+    ASSERT_EQ(mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=64k"), 0);
+    EXPECT_FAILS(copy.Backup(dir + "/full"), "Backup failed");
+    ASSERT_EQ(umount(dir.c_str()), 0);
+  }
+}
+
+}  // namespace

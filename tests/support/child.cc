@@ -1,0 +1,168 @@
+#include "tests/support/child.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <utility>
+
+namespace test {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+int LeftMs(Clock::time_point end) {
+  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
+  return left.count() > 0 ? static_cast<int>(left.count()) : 0;
+}
+
+void MakePipe(int ends[2]) {
+  if (pipe2(ends, O_CLOEXEC) != 0) {
+    perror("pipe2");
+    abort();
+  }
+}
+
+// In the child, behind fork: output into the pipe, and death with the parent.
+void BecomeChild(int out, pid_t parent) {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (getppid() != parent) _exit(127);
+  dup2(out, STDOUT_FILENO);
+  dup2(out, STDERR_FILENO);
+}
+
+}  // namespace
+
+Child Child::Fork(const std::function<int()>& body) {
+  int ends[2];
+  MakePipe(ends);
+  fflush(nullptr);
+  const pid_t parent = getpid();
+  const pid_t pid = fork();
+  if (pid == 0) {
+    BecomeChild(ends[1], parent);
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    const int code = body();
+    fflush(nullptr);
+    _exit(code);
+  }
+  close(ends[1]);
+  return Child(pid, ends[0]);
+}
+
+Child Child::Run(const std::vector<std::string>& argv, const std::string& dir) {
+  int ends[2];
+  MakePipe(ends);
+  std::vector<char*> words;
+  for (const std::string& word : argv) words.push_back(const_cast<char*>(word.c_str()));
+  words.push_back(nullptr);
+  fflush(nullptr);
+  const pid_t parent = getpid();
+  const pid_t pid = fork();
+  if (pid == 0) {
+    BecomeChild(ends[1], parent);
+    if (!dir.empty() && chdir(dir.c_str()) != 0) _exit(127);
+    execvp(words[0], words.data());
+    perror(words[0]);
+    _exit(127);
+  }
+  close(ends[1]);
+  return Child(pid, ends[0]);
+}
+
+Child::Child(Child&& other) noexcept { *this = std::move(other); }
+
+Child& Child::operator=(Child&& other) noexcept {
+  if (this == &other) return *this;
+  Release();
+  pid_ = std::exchange(other.pid_, -1);
+  out_ = std::exchange(other.out_, -1);
+  output_ = std::move(other.output_);
+  line_begin_ = std::exchange(other.line_begin_, 0);
+  return *this;
+}
+
+Child::~Child() { Release(); }
+
+void Child::Release() {
+  if (pid_ > 0) {
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+    pid_ = -1;
+  }
+  if (out_ != -1) {
+    close(out_);
+    out_ = -1;
+  }
+}
+
+void Child::Signal(int number) const {
+  if (pid_ > 0) kill(pid_, number);
+}
+
+// Reads what comes within the time into output_; false at the end of output or of time.
+bool Child::FillOutput(int timeout_ms) {
+  if (out_ == -1) return false;
+  struct pollfd ready = {out_, POLLIN, 0};
+  if (poll(&ready, 1, timeout_ms) <= 0) return false;
+  char bytes[4096];
+  const ssize_t count = read(out_, bytes, sizeof bytes);
+  if (count <= 0) {
+    close(out_);
+    out_ = -1;
+    return false;
+  }
+  output_.append(bytes, static_cast<size_t>(count));
+  return true;
+}
+
+bool Child::ReadLine(std::string* line, int timeout_ms) {
+  const auto end = Clock::now() + std::chrono::milliseconds(timeout_ms);
+  size_t line_end = output_.find('\n', line_begin_);
+  while (line_end == std::string::npos) {
+    if (!FillOutput(LeftMs(end))) return false;
+    line_end = output_.find('\n', line_begin_);
+  }
+  *line = output_.substr(line_begin_, line_end - line_begin_);
+  line_begin_ = line_end + 1;
+  return true;
+}
+
+bool Child::WaitForLine(const std::string& text, int timeout_ms) {
+  const auto end = Clock::now() + std::chrono::milliseconds(timeout_ms);
+  std::string line;
+  while (ReadLine(&line, LeftMs(end))) {
+    if (line.find(text) != std::string::npos) return true;
+  }
+  return false;
+}
+
+int Child::Wait(int timeout_ms) {
+  const auto end = Clock::now() + std::chrono::milliseconds(timeout_ms);
+  while (FillOutput(LeftMs(end))) {
+  }
+  if (pid_ <= 0) return -1;
+  // A child may close its output before it ends; its end comes as no descriptor event here, so it
+  // is asked for in small steps.
+  int status = 0;
+  pid_t reaped = waitpid(pid_, &status, WNOHANG);
+  while (reaped == 0 && LeftMs(end) > 0) {
+    poll(nullptr, 0, 1);
+    reaped = waitpid(pid_, &status, WNOHANG);
+  }
+  if (reaped != pid_) {
+    Release();
+    return -1;
+  }
+  pid_ = -1;
+  return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+}  // namespace test
