@@ -1,0 +1,66 @@
+// The lock of a segment is one set of two semaphores under the segment's own System V key.
+//
+//   semaphore 0  the lock word: 0 free, 1 held
+//   semaphore 1  the gate: the lock can be taken only while it is 0; we never change it, so that a
+//                maintainer can hold all processes off by raising it from outside
+//
+// A set is zero when the kernel creates it, and zero means free. So finding and creating are the
+// same atomic semget without IPC_EXCL, nobody ever initialises a set, and no process can meet a
+// half-initialised one: the race that semaphore sets are known for does not arise.
+//
+// Every operation carries SEM_UNDO: the kernel keeps, for each process, what it has added, and
+// takes it back when the process ends, however it ends. The set itself, like its segment, outlives
+// all processes.
+#include "bsp/shmc/svipc_mutex.h"
+
+#include <sys/ipc.h>
+#include <sys/sem.h>
+
+#include <cerrno>
+
+#include "bsp/shmc/shm_alloc.h"
+
+namespace shmc {
+namespace impl {
+namespace {
+
+constexpr int kSemaphores = 2;
+constexpr unsigned short kLockWord = 0;
+constexpr unsigned short kGate = 1;
+constexpr int kMode = 0640;  // as the segment's
+constexpr int kNoSet = -1;   // no set ever has this id
+
+template <size_t kCount>
+int Apply(int sem_id, struct sembuf (&steps)[kCount]) {
+  int result = semop(sem_id, steps, kCount);
+  while (result == -1 && errno == EINTR) result = semop(sem_id, steps, kCount);
+  return result;
+}
+
+}  // namespace
+
+bool SVIPCMutex::Open(const std::string& segment_name) {
+  // Away from 0: a failed Open must not leave us locking a stranger's set.
+  sem_id_ = kNoSet;
+  int key = 0;
+  if (!SVIPCShmAlloc<false>::str2key(segment_name, &key) || key == IPC_PRIVATE) {
+    errno = EINVAL;  // a private set could be found by nobody else
+    return false;
+  }
+  sem_id_ = semget(key, kSemaphores, IPC_CREAT | kMode);
+  return sem_id_ != kNoSet;
+}
+
+int SVIPCMutex::Lock() const {
+  struct sembuf steps[] = {
+      {kLockWord, 0, SEM_UNDO}, {kGate, 0, SEM_UNDO}, {kLockWord, 1, SEM_UNDO}};
+  return Apply(sem_id_, steps);
+}
+
+int SVIPCMutex::UnLock() const {
+  struct sembuf steps[] = {{kLockWord, -1, SEM_UNDO}};
+  return Apply(sem_id_, steps);
+}
+
+}  // namespace impl
+}  // namespace shmc
