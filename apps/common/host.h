@@ -1,0 +1,22 @@
+// What the host programs share: their output and their signals.
+#ifndef BSP_APPS_COMMON_HOST_H_
+#define BSP_APPS_COMMON_HOST_H_
+
+#include <signal.h>
+
+#include <cstdio>
+#include <initializer_list>
+
+namespace app {
+
+// The library logs on standard output, which is for the ready line alone in a host program. Sends
+// all that is printed from now on to standard error, and returns the real standard output.
+FILE* SplitOutput();
+
+// Blocks the signals for this thread and those that it starts, so that they come to sigwait alone.
+// The set is for sigwait.
+sigset_t BlockSignals(std::initializer_list<int> signals);
+
+}  // namespace app
+
+#endif  // BSP_APPS_COMMON_HOST_H_

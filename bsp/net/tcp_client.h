@@ -1,0 +1,197 @@
+// One TCP connection driven by an event loop: a plain byte stream in both directions.
+#ifndef BSP_NET_TCP_CLIENT_H_
+#define BSP_NET_TCP_CLIENT_H_
+
+#include <cstddef>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+
+#include "bsp/base/error.h"
+#include "bsp/base/macros.h"
+#include "bsp/base/socket.h"
+#include "bsp/net/event_loop.h"
+#include "bsp/sigslot/sigslot.h"
+#include "bsp/util/memory_buffer.h"
+
+namespace bsp {
+
+// Where received bytes are to lie when not in the receive buffer: for a user that knows from the
+// bytes so far that a large piece follows, and saves it the way through the blocks.
+//
+// Threads: the loop's.
+class BSP_EXPORT ByteSink {
+ public:
+  virtual ~ByteSink();
+
+  // Memory for the bytes that follow those in `buffer`, which it may take out, and in *room its
+  // size. Null: they go to the buffer, *room at a time.
+  virtual char* Room(const std::shared_ptr<MemoryBuffer>& buffer, size_t* room) = 0;
+
+  // That many bytes were put there. True: SignalRead comes before anything more is read.
+  virtual bool Took(size_t count) = 0;
+};
+
+// Serves both ends: Connect opens a connection, UpdateSocket takes over an accepted one. Always
+// owned by a shared pointer. There is no reconnection and no time-out: a failed connection stays
+// failed until its owner calls Disconnect and Connect.
+//
+// Threads: Send, SendDeferred, SendBacklog, IsConnected, GetNativeSocket, SetOption and Disconnect
+// from any thread, also side by side; OnRead, OnWrite and OnError are the loop's; both signals are
+// raised on the loop's thread with no lock held, so a slot may call anything here and may drop the
+// last reference. Connect, UpdateSocket and connecting slots belong to the owner and come before
+// the loop sees the socket, or run on the loop's thread. Options are set before the first Connect
+// or UpdateSocket.
+class BSP_EXPORT TcpClient : public EventHandler, public std::enable_shared_from_this<TcpClient> {
+ public:
+  // The connection has failed or was closed by the peer. Code -1; the texts are "recv failed.",
+  // "socket error.", "recv_data_ is null." and "send_data_ is null.".
+  sigslot::signal2<std::shared_ptr<TcpClient>, std::shared_ptr<MSError>> SignalError;
+
+  // New bytes are in the buffer. The slot takes what it can use; the rest stays for the next time.
+  sigslot::signal2<std::shared_ptr<TcpClient>, std::shared_ptr<MemoryBuffer>> SignalRead;
+
+  explicit TcpClient(std::shared_ptr<EventLoop> loop);
+  ~TcpClient() override;
+  TcpClient(const TcpClient&) = delete;
+  TcpClient& operator=(const TcpClient&) = delete;
+
+  // Opens a connection and registers it. Blocks for as long as the kernel takes. False, after a
+  // log line, on failure; what was connected before stays then. The owner disconnects first.
+  bool Connect(const std::string& host, int port);
+
+  // Takes over a connected socket, makes it non-blocking and registers it, with empty buffers.
+  // False, after a log line, for null or an invalid one.
+  bool UpdateSocket(const std::shared_ptr<Socket>& socket);
+
+  // Removes the registration and closes. What SendDeferred has queued is offered to the socket
+  // first; what the socket does not take is lost, as with every close.
+  void Disconnect();
+
+  // Queues `length` bytes and starts writing: what the socket takes at once goes straight from
+  // `data`, only the rest is copied. False, after a log line, without a valid socket. True says
+  // nothing about delivery: a failing connection shows on the read side. The queue has no limit;
+  // see SendBacklog.
+  bool Send(const char* data, size_t length);
+
+  // As Send, for a handler that sends many small pieces: on the loop's thread they are queued and
+  // leave together in one system call when the loop has handled the events at hand (64 at most).
+  // Order against Send stays. Anywhere else, and for pieces above 16 KiB, it is Send.
+  bool SendDeferred(const char* data, size_t length);
+
+  // Bytes queued and not yet taken by the socket.
+  size_t SendBacklog();
+
+  // For messages much larger than a socket buffer, from a slot of SignalRead: the next `length`
+  // bytes of the stream go to `dst`, first those that wait in the buffer, the rest straight from
+  // the kernel as they come. Returns how many are missing; 0: all are there, and nothing more
+  // happens. Else SignalRead comes once they have arrived, with what follows them in the buffer,
+  // and not before; `dst` stays the caller's and valid until then, until a call with length 0
+  // (which gives up what is missing), or until Disconnect has returned.
+  size_t ReceiveInto(char* dst, size_t length);
+
+  // Bytes that ReceiveInto waits for.
+  size_t ReceiveMissing();
+
+  // There is a valid socket. It tells about this end only: true still after the peer has closed,
+  // until Disconnect.
+  bool IsConnected();
+
+  // The descriptor, -1 without a socket.
+  int GetNativeSocket();
+
+  // Where Connect connected to; all zero on an accepted connection.
+  SocketAddress& GetAddress() { return address_; }
+
+  // setsockopt on the connection. False without one. The class sets no option by itself.
+  bool SetOption(int level, int name, const void* value, unsigned int length);
+
+  // Off by default. On: bytes that arrive together with the peer's close or a failure reach
+  // SignalRead before SignalError. Off: they stay in the buffer and only the error is raised.
+  void SetDeliverLastBytes(bool on) { deliver_last_bytes_ = on; }
+
+  // Off by default: one Send or one readiness event hands at most 102400 bytes to the socket. On:
+  // they hand it whatever it takes, which moves large messages with fewer copies and wake-ups, and
+  // lets one busy connection hold up the others for longer.
+  void SetSendWhole(bool on) { send_whole_ = on; }
+
+  // None by default.
+  void SetSink(std::shared_ptr<ByteSink> sink) { sink_ = std::move(sink); }
+
+  void OnRead() override;
+  void OnWrite() override;
+  void OnError() override;
+
+ private:
+  // How far a write came.
+  enum class Written {
+    kAll,      // nothing is left
+    kBlocked,  // the socket is full; the kernel reports when it can take more
+    kMore      // a chunk is gone, the next may go at once
+  };
+  // How far a read came.
+  enum class Got {
+    kAll,     // the socket is empty
+    kMore,    // the turn is over, more may wait
+    kFailed,  // failed, or closed by the peer
+    kGone     // disconnected meanwhile
+  };
+
+  // What one recv gave.
+  struct ReadStep {
+    size_t wanted;   // bytes asked for
+    int got;         // its result
+    int error;       // errno
+    bool is_direct;  // it went to the caller's memory
+    bool is_sunk;    // it went to the sink's
+    bool completes;  // the slot has something to look at
+  };
+
+  // With mutex_ held.
+  bool HasSocket() const { return socket_ != nullptr && socket_->IsValid(); }
+  bool CanSend(const char* data, size_t length) const;
+  void SendNow(const char* data, size_t length);
+  // One system call for the head of the queue.
+  Written WriteQueue();
+  // The bytes that need not be sent again, `length` of all pieces together at most.
+  size_t Transmit(const iovec* pieces, int count, size_t length, bool* is_blocked);
+  // Sees to it that the loop goes on with the queue, or leaves us alone.
+  void AwaitWritable(Written written);
+  void Arm(unsigned int mask);
+  // Asks the loop for an OnWrite; false off its thread.
+  bool NoteFlush();
+
+  // Without; on the loop's thread. They do nothing once `socket` is not ours any more.
+  // *any: the slot has something to look at.
+  Got Read(const std::shared_ptr<Socket>& socket, const std::shared_ptr<MemoryBuffer>& buffer,
+           bool* any);
+  // One recv, into the caller's memory or the buffer. False when the socket is not ours any more.
+  bool ReadOnce(const std::shared_ptr<Socket>& socket, const std::shared_ptr<MemoryBuffer>& buffer,
+                ReadStep* step);
+  void ReadAgain(const std::shared_ptr<Socket>& socket);
+  bool Unregister(const std::shared_ptr<Socket>& socket);
+  bool HasOtherSocket(const std::shared_ptr<Socket>& socket);
+
+  const std::shared_ptr<EventLoop> loop_;
+  SocketAddress address_;
+  bool deliver_last_bytes_ = false;
+  bool send_whole_ = false;
+  std::shared_ptr<ByteSink> sink_;
+
+  // The two are taken in this order. socket_ and recv_data_ change with both held and are read with
+  // either; read_mutex_ is held over each recv, so that a close waits for it.
+  std::mutex read_mutex_;  // guards the two fields below
+  char* into_ = nullptr;   // where the next into_missing_ bytes of the stream go
+  size_t into_missing_ = 0;
+  std::mutex mutex_;  // guards the fields below
+  std::shared_ptr<Socket> socket_;
+  std::shared_ptr<MemoryBuffer> recv_data_;  // its content belongs to the loop's thread
+  std::shared_ptr<MemoryBuffer> send_data_;
+  unsigned int armed_ = 0;    // mask registered with the loop; 0: none
+  bool flush_noted_ = false;  // the loop will call OnWrite
+};
+
+}  // namespace bsp
+
+#endif  // BSP_NET_TCP_CLIENT_H_

@@ -1,0 +1,102 @@
+// When descriptors run out
+// ------------------------
+// accept then fails with EMFILE and the connection stays in the kernel's queue. Level-triggered
+// reactors spin on it; this edge-triggered one would leave the peer waiting for an answer that
+// never comes. With a descriptor in reserve the server gives that one up, accepts, closes, and
+// takes the reserve back: the peer learns at once. Another thread may snatch the free number in
+// between; then this burst stays in the queue, and the reserve is opened again at the next one.
+#include "bsp/net/tcp_server.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+
+#include "bsp/log/log.h"
+
+namespace bsp {
+
+namespace {
+
+constexpr int kAcceptsPerTurn = 256;  // so that a flood of connects leaves time for the rest
+constexpr unsigned int kListenMask = EVENT_READ | EVENT_ERROR;
+
+bool IsOutOfDescriptors(int error) { return error == EMFILE || error == ENFILE; }
+
+}  // namespace
+
+TcpServer::TcpServer(std::shared_ptr<EventLoop> loop) : loop_(std::move(loop)) {}
+
+TcpServer::~TcpServer() { Socket::Close(reserve_fd_); }
+
+bool TcpServer::Listen(const std::string& host, int port) {
+  socket_ = std::make_shared<Socket>();
+  if (!socket_->Create(Socket::SOCKET_STREAM)) {
+    BSP_LOG_ERROR(MOD_BSP, "create socket failed.");
+    return false;
+  }
+  const int on = 1;
+  if (options_.reuse_address) socket_->SetOption(SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+  address_.Set(host, port);
+  if (!socket_->Bind(address_)) {
+    BSP_LOG_ERROR(MOD_BSP, "bind socket failed.");
+    return false;
+  }
+  if (!socket_->Listen(options_.backlog)) {
+    BSP_LOG_ERROR(MOD_BSP, "listen socket failed.");
+    return false;
+  }
+  socket_->SetBlocking(1);
+  if (options_.keep_reserve) OpenReserve();
+  loop_->AddEvent(socket_, kListenMask, this, weak_from_this());
+  return true;
+}
+
+int TcpServer::GetPort() const {
+  SocketAddress bound;
+  socklen_t length = SocketAddress::SizeOf();
+  if (socket_ == nullptr) return -1;
+  if (getsockname(socket_->GetNativeSocket(), bound.Native(), &length) == -1) return -1;
+  return bound.Port();
+}
+
+void TcpServer::OnRead() {
+  const std::shared_ptr<TcpServer> self = shared_from_this();
+  if (socket_ == nullptr) return;
+  if (options_.keep_reserve) OpenReserve();
+  for (int accepted = 0; accepted < kAcceptsPerTurn; ++accepted) {
+    const std::shared_ptr<Socket> connection = socket_->Accept();
+    if (connection != nullptr) {
+      SignalAccept(self, connection);
+    } else if (!IsOutOfDescriptors(Socket::ErrorNo()) || !TurnAway()) {
+      return;
+    }
+  }
+  loop_->UpdateEvent(socket_, kListenMask);  // reports again what is left
+}
+
+void TcpServer::OnWrite() { BSP_LOG_DEBUG(MOD_BSP, "%s", ""); }
+
+void TcpServer::OnError() { BSP_LOG_DEBUG(MOD_BSP, "%s", ""); }
+
+void TcpServer::OpenReserve() {
+  if (reserve_fd_ == -1) reserve_fd_ = open("/dev/null", O_RDONLY | O_CLOEXEC);
+}
+
+bool TcpServer::TurnAway() {
+  if (reserve_fd_ == -1) return false;
+  int count = 0;
+  for (; count < kAcceptsPerTurn; ++count) {
+    Socket::Close(reserve_fd_);
+    const bool accepted = socket_->Accept() != nullptr;  // and closed again
+    OpenReserve();
+    if (!accepted || reserve_fd_ == -1) break;
+  }
+  if (count > 0) {
+    BSP_LOG_ERROR(MOD_BSP, "no descriptor left, %d connections turned away: raise the limit",
+                  count);
+  }
+  return count > 0;
+}
+
+}  // namespace bsp
