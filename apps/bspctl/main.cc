@@ -1,0 +1,48 @@
+// bspctl: the operator's tool for a device that runs bsp. Data goes to standard output and nothing
+// else does; what went wrong is told on standard error and by the exit code.
+#include <csignal>
+#include <cstdio>
+
+#include "apps/bspctl/ctl.h"
+#include "bsp/bsp.h"
+
+namespace {
+
+constexpr const char* kExitCodes =
+    "Exit codes: 0 done, 1 failed, 2 wrong usage, 3 no such command on the bus, 4 timed out,\n"
+    "5 the other side answered with a failure, 7 broker or log server not running.";
+
+int Run(int argc, char** argv) {
+  CLI::App app("Looks into and steers the modules of a device.", "bspctl");
+  app.set_version_flag("--version", "bspctl " BSP_VERSION);
+  app.footer(kExitCodes);
+  app.require_subcommand(1);
+
+  ctl::Context context;
+  ctl::AddStatus(&app, &context);
+  ctl::AddLevel(&app, &context);
+  ctl::AddProp(&app, &context);
+  ctl::AddEvent(&app, &context);
+  ctl::AddRpc(&app, &context);
+  ctl::AddShm(&app, &context);
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    // Help and version come as errors of code 0.
+    return app.exit(error) == 0 ? ctl::kDone : ctl::kUsage;
+  }
+  return context.run();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  signal(SIGPIPE, SIG_IGN);
+  g_log_level = -1;  // the library's log lines would mix with the data on standard output
+  try {
+    return Run(argc, argv);
+  } catch (const std::exception& error) {
+    return ctl::Fail(ctl::kFailed, "%s", error.what());
+  }
+}
