@@ -1,0 +1,100 @@
+// What is installed is enough for others: outside projects build against it, and the Debian
+// packages install, run and leave nothing behind.
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "tests/support/child.h"
+#include "tests/support/test_env.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kSource = BSP_TEST_SOURCE_DIR;
+constexpr const char* kBuild = BSP_TEST_BUILD_DIR;
+
+// Runs a command line by the shell; its output on failure is shown.
+void Sh(const std::string& command, std::string* output = nullptr) {
+  test::Child child = test::Child::Run({"/bin/sh", "-ec", command});
+  ASSERT_EQ(child.Wait(280000), 0) << command << "\n" << child.output();
+  if (output != nullptr) *output = child.output();
+}
+
+// A sanitized library asks for its runtime in every program that loads it; outside projects know
+// nothing of that.
+bool IsSanitized() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  return true;
+#else
+  return false;
+#endif
+}
+
+// A header missing from the install rules, a wrong path in the CMake package or in bsp.pc.
+TEST(Install, OutsideProjectsBuildAndRun) {
+  NEED_PRIVATE_WORLD();
+  if (IsSanitized()) GTEST_SKIP() << "outside programs load no sanitizer runtime";
+  const std::string prefix = test::MakeTempDir();
+  const std::string work = test::MakeTempDir();
+  const std::string outside = std::string(kSource) + "/tests/outside";
+  Sh("cmake --install " + std::string(kBuild) + " --prefix " + prefix);
+  const std::string pc = fs::exists(prefix + "/lib/pkgconfig/bsp.pc")
+                             ? prefix + "/lib/pkgconfig"
+                             : prefix + "/lib/x86_64-linux-gnu/pkgconfig";
+
+  Sh("cmake -S " + outside + "/cmake -B " + work + "/b -DCMAKE_PREFIX_PATH=" + prefix);
+  Sh("cmake --build " + work + "/b");
+  std::string output;
+  Sh(work + "/b/outside_cpp; " + work + "/b/outside_c", &output);
+  EXPECT_NE(output.find("outside cpp ok"), std::string::npos) << output;
+  EXPECT_NE(output.find("outside c works"), std::string::npos) << output;
+
+  Sh("export PKG_CONFIG_PATH=" + pc + "; flags=$(pkg-config --cflags --libs bsp); " +
+         "lib=$(pkg-config --variable=libdir bsp); cc -std=c11 -Wall -Werror " + outside +
+         "/outside.c -o " + work + "/pc_c $flags -Wl,-rpath,$lib; c++ -std=c++17 " + outside +
+         "/outside.cc -o " + work + "/pc_cpp $flags -Wl,-rpath,$lib; " + work + "/pc_c; " + work +
+         "/pc_cpp",
+     &output);
+  EXPECT_NE(output.find("outside c works"), std::string::npos) << output;
+
+  for (const char* program : {"bsp-broker", "bsp-logd", "bspctl"}) {
+    Sh(prefix + "/bin/" + program + " --version", &output);
+    EXPECT_NE(output.find(program), std::string::npos) << output;
+    EXPECT_TRUE(fs::exists(prefix + "/share/man/man1/" + program + ".1"));
+  }
+}
+
+// Packages that lack a dependency, or leave files behind. They are installed for real, in a copy of
+// this machine whose changes go to memory.
+TEST(Install, DebianPackagesComeAndGo) {
+  NEED_PRIVATE_WORLD();
+  if (IsSanitized()) GTEST_SKIP() << "packages are made of the release build";
+  if (access("/usr/bin/dpkg-shlibdeps", X_OK) != 0) GTEST_SKIP() << "needs dpkg-dev";
+  const std::string root = "/mnt/root";
+  for (const char* dir : {"/mnt/root", "/mnt/upper", "/mnt/work", "/mnt/packages"}) {
+    fs::create_directory(dir);
+  }
+  if (mount("overlay", root.c_str(), "overlay", 0,
+            "lowerdir=/,upperdir=/mnt/upper,workdir=/mnt/work") != 0) {
+    GTEST_SKIP() << "needs an overlay file system, and the kernel refused it";
+  }
+  Sh("cpack --config " + std::string(kBuild) + "/CPackConfig.cmake -B /mnt/packages");
+  Sh("mkdir -p " + root + "/mnt/packages; cp /mnt/packages/*.deb " + root + "/mnt/packages");
+  const std::string in_root = "chroot " + root + " /bin/sh -ec ";
+  std::string output;
+  Sh(in_root + "'dpkg -i /mnt/packages/*.deb'");
+  Sh(in_root + "'bsp-broker --version; bsp-logd --version; bspctl --version'", &output);
+  EXPECT_NE(output.find("bspctl"), std::string::npos) << output;
+  Sh(in_root + "'test -e /usr/include/bsp/bsp.h; test -e /lib/systemd/system/bsp-logd.service'");
+  Sh(in_root + "'dpkg -P bsp-tools libbsp-dev libbsp1'");
+  Sh(in_root +
+     "'test ! -e /usr/include/bsp; test ! -e /usr/bin/bspctl; ! ldconfig -p | grep libbsp'");
+  umount(root.c_str());
+}
+
+}  // namespace
