@@ -133,6 +133,28 @@ bool TcpClient::Send(const char* data, size_t length) {
   return true;
 }
 
+bool TcpClient::SendPair(const char* head, size_t head_length, const char* body,
+                         size_t body_length) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (!CanSend(head, head_length) || !CanSend(body, body_length)) return false;
+  const size_t length = head_length + body_length;
+  if (!send_whole_ || length > INT_MAX || send_data_->size() > 0 || body_length == 0) {
+    SendNow(head, head_length);
+    SendNow(body, body_length);
+    return true;
+  }
+  const iovec pieces[] = {{const_cast<char*>(head), head_length},
+                          {const_cast<char*>(body), body_length}};
+  bool is_blocked = false;
+  const size_t taken = Transmit(pieces, 2, length, &is_blocked);
+  const size_t of_head = std::min(taken, head_length);
+  const size_t of_body = taken - of_head;
+  if (of_head < head_length) send_data_->WriteBytes(head + of_head, head_length - of_head);
+  if (of_body < body_length) send_data_->WriteBytes(body + of_body, body_length - of_body);
+  AwaitWritable(is_blocked ? Written::kBlocked : taken < length ? Written::kMore : Written::kAll);
+  return true;
+}
+
 bool TcpClient::SendDeferred(const char* data, size_t length) {
   const std::lock_guard<std::mutex> lock(mutex_);
   if (!CanSend(data, length)) return false;

@@ -75,6 +75,9 @@ class BSP_EXPORT TcpClient : public EventHandler, public std::enable_shared_from
   // see SendBacklog.
   bool Send(const char* data, size_t length);
 
+  // As Send of `head` and then of `body`, in one system call where SetSendWhole is on.
+  bool SendPair(const char* head, size_t head_length, const char* body, size_t body_length);
+
   // As Send, for a handler that sends many small pieces: on the loop's thread they are queued and
   // leave together in one system call when the loop has handled the events at hand (64 at most).
   // Order against Send stays. Anywhere else, and for pieces above 16 KiB, it is Send.

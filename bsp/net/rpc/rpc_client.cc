@@ -296,8 +296,8 @@ std::shared_ptr<MSError> RpcClient::Send(RpcHeader* header, const char* payload,
   const bool is_sent =
       payload_size < kLargePayload
           ? client->Send(Framed(*header, payload, payload_size), sizeof *header + payload_size)
-          : client->Send(reinterpret_cast<const char*>(header), sizeof *header) &&
-                client->Send(payload, payload_size);
+          : client->SendPair(reinterpret_cast<const char*>(header), sizeof *header, payload,
+                             payload_size);
   return is_sent ? kOk : BSP_NEW_ERROR(-1, "send error");
 }
 
