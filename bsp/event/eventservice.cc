@@ -5,12 +5,16 @@
 // Otherwise the pass sleeps on the semaphore until the first message falls due, and never longer
 // than 100 ms.
 //
-// What must always hold: no thread sleeps past a message that could run. A pass enters itself in
-// sleepers_ in the same hold of the mutex in which it saw that there is nothing to do. A post that
-// puts a message in front of all others takes one sleeper off and signals the semaphore. So a
-// message that comes between the look and the sleep leaves a count that ends the sleep at once, a
-// burst of posts costs one signal rather than one each, and a message that is due behind another
-// wakes nobody, since the thread is up in time for the first.
+// What must always hold: no thread sleeps past a message that could run. A pass that finds nothing
+// to do announces in asleep_until_ the due time that it is going to sleep towards, in the same hold
+// of the mutex in which it looked, and then looks whether something was posted meanwhile. A post
+// leaves its message first and then compares its own due time with asleep_until_. So whichever
+// comes second sees the other, and a signal that comes before the sleep leaves a count that ends it
+// at once. What the queue holds by then does not matter: whoever moved the new message on inside
+// it, another post or a Clear, did not move the time at which the thread gets up.
+//
+// A message that is due behind that time wakes nobody and costs no lock. A signal takes the
+// announcement back, so that a burst of posts costs one signal rather than one each.
 //
 // Due times are whole milliseconds and a message runs once the clock has passed its own: the thread
 // sleeps, in nanoseconds, to the beginning of the next millisecond. Looking at the clock again and
@@ -51,12 +55,15 @@ int64_t ClockNanos() {
   return static_cast<int64_t>(now.tv_sec) * kNanosPerSecond + now.tv_nsec;
 }
 
+// What a thread sleeps towards when nothing is queued: every post is due before it.
+constexpr int64_t kNoDueTime = std::numeric_limits<int64_t>::max();
+
 // At least 1, whatever the delay: 0 marks the immediate messages, which come before all others.
 int64_t DueTime(long delay_ms) {
   const int64_t now = TimeUtil::ClockMillis();
   if (delay_ms <= -now) return 1;
-  return delay_ms > std::numeric_limits<int64_t>::max() - now ? std::numeric_limits<int64_t>::max()
-                                                              : now + delay_ms;
+  constexpr int64_t kLatest = std::numeric_limits<int64_t>::max();
+  return delay_ms > kLatest - now ? kLatest : now + delay_ms;
 }
 
 // Nanoseconds until a message of this due time may run, 0 when it may now, at most
@@ -110,6 +117,7 @@ EventService::~EventService() {
     BSP_LOG_ERROR(MOD_BSP, "service %s destroyed on its own thread", name_.c_str());
     thread_.detach();  // nobody is left who could join it
   }
+  Clear(0);  // while all stands: what the messages hold may use the service as it goes
 }
 
 std::shared_ptr<MSError> EventService::Init() {
@@ -126,12 +134,16 @@ std::shared_ptr<MSError> EventService::Init() {
 
 std::shared_ptr<MSError> EventService::Start() {
   if (IsOwnThread()) {
+    BSP_LOG_ERROR(MOD_BSP, "service %s cannot start from its own thread", name_.c_str());
     return BSP_NEW_ERROR(-1, "service %s cannot start from its own thread", name_.c_str());
   }
   if (auto error = Init(); error != kOk) return error;
   const std::lock_guard<std::mutex> lock(control_mutex_);
   if (thread_.joinable()) {
-    if (running_) return BSP_NEW_ERROR(-1, "service %s is running already", name_.c_str());
+    if (running_) {
+      BSP_LOG_ERROR(MOD_BSP, "service %s is running already", name_.c_str());
+      return BSP_NEW_ERROR(-1, "service %s is running already", name_.c_str());
+    }
     thread_.join();  // stopped on its own thread
   }
   running_ = true;
@@ -214,24 +226,25 @@ void EventService::Enqueue(MessageHandler* handler, int id, int64_t when,
   message->func = std::move(func);
 
   queue_.Post(std::move(message));
-  // Pairs with the store in TakeDue.
-  if (sleepers_.load(std::memory_order_seq_cst) > 0) WakeSleeper();
+  // Pairs with the store in EnterSleep.
+  if (when < asleep_until_.load(std::memory_order_seq_cst)) WakeSleepers(when);
 } catch (const std::bad_alloc&) {
   BSP_LOG_ERROR(MOD_BSP, "make_shared<Message>() failed");
 }
 
-void EventService::WakeSleeper() {
+void EventService::WakeSleepers(int64_t when) {
   std::shared_ptr<Semaphore> semaphore;
+  int sleepers = 0;
   {
     const std::lock_guard<std::mutex> lock(queue_mutex_);
-    const Message* const known = queue_.KnownFirst();
-    if (queue_.First() == known || sleepers_ == 0) return;
-    --sleepers_;
+    if (when >= asleep_until_) return;  // another post was faster
+    asleep_until_ = kNobodySleeps;
+    sleepers = sleepers_;
     semaphore = semaphore_;
   }
   // Behind the lock, which the woken thread takes at once. The service itself may be gone by now,
   // if the message was the last that its owner waited for.
-  semaphore->Signal();
+  for (; sleepers > 0; --sleepers) semaphore->Signal();
 }
 
 void EventService::Clear(int id) {
@@ -271,26 +284,39 @@ bool EventService::RunPass(Loop* loop) {
   return loop->service != nullptr;
 }
 
-// The first message if it is due. Else null, with the time to sleep, and the caller stands in
-// sleepers_.
+// The first message if it is due. Else null, with the time to sleep, and the caller is announced as
+// a sleeper.
 std::unique_ptr<QueuedMessage> EventService::TakeDue(int64_t* wait_ns) {
   const std::lock_guard<std::mutex> lock(queue_mutex_);
   for (;;) {
     const Message* const first = queue_.First();
     *wait_ns = first != nullptr ? TimeToRun(first->when) : kLongestWaitNanos;
     if (*wait_ns == 0) return queue_.PopFirst();
+    EnterSleep(first != nullptr ? first->when : kNoDueTime);
     // Told first, then looked: a post either sees the sleeper or is seen here.
-    sleepers_.fetch_add(1, std::memory_order_seq_cst);
     if (!queue_.HasPosted()) return nullptr;
-    --sleepers_;
+    LeaveSleep();
   }
 }
 
+void EventService::EnterSleep(int64_t due_time) {
+  ++sleepers_;
+  asleep_until_.store(std::max(asleep_until_.load(), due_time), std::memory_order_seq_cst);
+}
+
+// Behind one of several sleepers it is not known any more which times the others sleep towards, nor
+// which of them a signal has reached: then every post wakes them.
+void EventService::LeaveSleep() {
+  --sleepers_;
+  asleep_until_ = sleepers_ > 0 ? kNoDueTime : kNobodySleeps;
+}
+
 void EventService::Wait(int64_t wait_ns) {
-  // The semaphore is never exchanged once it is set, and set before any thread comes here.
-  if (semaphore_->WaitNanos(wait_ns)) return;
+  // The semaphore is never exchanged once it is set, and set before any thread comes here. What
+  // ended the wait does not matter; a count too many ends a later wait early.
+  semaphore_->WaitNanos(wait_ns);
   const std::lock_guard<std::mutex> lock(queue_mutex_);
-  if (sleepers_ > 0) --sleepers_;  // 0: a post was faster; its count ends a later wait early
+  LeaveSleep();
 }
 
 }  // namespace bsp

@@ -86,7 +86,11 @@ class BSP_EXPORT EventService {
   void RunLoop(Loop* loop);
   bool RunPass(Loop* loop);
   std::unique_ptr<QueuedMessage> TakeDue(int64_t* wait_ns);
-  void WakeSleeper();
+  // Both with queue_mutex_ held.
+  void EnterSleep(int64_t due_time);
+  void LeaveSleep();
+  // Behind a post that is due at `when`.
+  void WakeSleepers(int64_t when);
   void Wait(int64_t wait_ns);
   void Enqueue(MessageHandler* handler, int id, int64_t when,
                std::shared_ptr<MessageUserdata> userdata, std::function<void(Message*)> func);
@@ -99,11 +103,14 @@ class BSP_EXPORT EventService {
   int priority_ = 50;
   std::atomic<bool> running_{false};
 
-  // Threads that wait on semaphore_ and have not been signalled by a post. Written under
-  // queue_mutex_. Every post reads it, so it stands with fields that hardly ever change.
-  std::atomic<int> sleepers_{0};
+  // Due time that a waiting thread sleeps towards, the latest if there are several; kNobodySleeps
+  // also when they have been signalled already. Written under queue_mutex_. Every post reads it, so
+  // it stands with fields that hardly ever change.
+  static constexpr int64_t kNobodySleeps = 0;  // no message is due before it
+  std::atomic<int64_t> asleep_until_{kNobodySleeps};
 
   alignas(kCacheLine) std::mutex queue_mutex_;  // guards the fields below, apart from posting
+  int sleepers_ = 0;                            // threads between a look in vain and the next
   std::shared_ptr<Semaphore> semaphore_;        // what dispatching threads wait on; set once
   MessageQueue queue_;
 };

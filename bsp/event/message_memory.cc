@@ -85,7 +85,7 @@ FreeBlock* SplitBundle(Cache* cache) {
 void* MessageMemory::Take(size_t size) {
   Cache& cache = t_cache;
   if (cache.count == 0) {
-    FreeBlock* const bundle = Depot::Instance().Get();
+    FreeBlock* const bundle = cache.is_closed ? nullptr : Depot::Instance().Get();
     if (bundle == nullptr) return ::operator new(size);
     t_cache_closer.Touch();
     cache.chain = bundle;

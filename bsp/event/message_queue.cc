@@ -71,7 +71,7 @@ void MessageInbox::Push(std::unique_ptr<QueuedMessage> message) {
   QueuedMessage* const added = message.release();
   added->next = last_.load(std::memory_order_relaxed);
   // Pairs with the exchange in TakeAll, which sees the content of the message, and, in the one
-  // order of all such accesses, with IsEmpty: see the wake-up in EventService.
+  // order of all such accesses, with IsEmpty: see the sleep in EventService.
   while (!last_.compare_exchange_weak(added->next, added, std::memory_order_seq_cst,
                                       std::memory_order_relaxed)) {
   }
@@ -214,11 +214,6 @@ bool MessageQueue::SortInToImmediate() {
     SortIn(std::exchange(fetched_, fetched_->next));
   }
   return fetched_ != nullptr;
-}
-
-const Message* MessageQueue::KnownFirst() const {
-  if (first_immediate_ != nullptr) return first_immediate_;
-  return fetched_ != nullptr ? fetched_ : timed_.top();
 }
 
 std::unique_ptr<QueuedMessage> MessageQueue::PopFirst() {

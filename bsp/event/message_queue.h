@@ -133,9 +133,6 @@ class MessageQueue {
   // The next message to run, null when there is none. Sees all that was posted.
   const Message* First();
 
-  // The same without what was posted since the last call of First.
-  const Message* KnownFirst() const;
-
   // Takes out what First gave last, which was not null.
   std::unique_ptr<QueuedMessage> PopFirst();
 
