@@ -102,7 +102,8 @@ BSP_EXPORT void log_deinit(void);
 BSP_EXPORT int mod_is_running(void);
 
 // Prints one line on standard output when `level` is at or below the threshold of the tag `module`;
-// at most 1022 characters of the text. Any thread. A filtered call formats nothing.
+// at most 1022 characters of the text. Any thread. A filtered call formats nothing. A null format
+// counts as empty, here and below.
 BSP_EXPORT void _log_debug(const char* module, int level, const char* file, const char* func,
                            int line, const char* fmt, ...) BSP_PRINTF(6, 7);
 
@@ -128,10 +129,11 @@ BSP_EXPORT void log_send_msg(BspLogMsg* msg);
 }  // extern "C"
 #endif
 
-// True when _log_debug without a client would drop the level. Public for the macros alone.
+// True when _log_debug without a client would drop the level; never for one that does not exist,
+// which it tells. Public for the macros alone.
 static inline int bsp_log_is_filtered(int level) {
   return __builtin_expect(g_log == NULL, 1) && __builtin_expect(level > g_log_level, 1) &&
-         level <= BSP_LEVEL_DEBUG;
+         (unsigned)level <= BSP_LEVEL_DEBUG;
 }
 
 // Takes the arguments of a filtered call. Public for the macros alone.

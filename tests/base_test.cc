@@ -68,9 +68,12 @@ TEST(Log, FiltersAndPrints) {
     _log_debug("MOD_T", 8, "f", "g", 1, "never");
     _log_debug("MOD_T", -1, "f", "g", 1, "never");
     _log_debug("MOD_T", 0, "f.cc", "g", 1, "%s", std::string(2000, 'x').c_str());
+    _log_debug("MOD_T", 0, "f.cc", "g", 1, nullptr);
+    g_log_level = -5;
+    _log_debug("MOD_T", -1, "f", "g", 1, "never");
   });
   const std::vector<std::string> lines = StringHelper::Split(out, "\n");
-  ASSERT_EQ(lines.size(), 5u) << out;  // the last is empty
+  ASSERT_EQ(lines.size(), 7u) << out;  // the last is empty
   EXPECT_EQ(lines[0][0], '[');
   EXPECT_EQ(lines[0][24], ']');
   EXPECT_NE(lines[0].find("] MOD_T <info> base_test.cc:"), std::string::npos);
@@ -78,6 +81,8 @@ TEST(Log, FiltersAndPrints) {
   EXPECT_EQ(lines[1], "log level 8 is invalid.");
   EXPECT_EQ(lines[2], "log level -1 is invalid.");
   EXPECT_EQ(lines[3].substr(24), "] MOD_T <emerg> f.cc:1 g, " + std::string(1022, 'x'));
+  EXPECT_EQ(lines[4].substr(24), "] MOD_T <emerg> f.cc:1 g, ");
+  EXPECT_EQ(lines[5], "log level -1 is invalid.");
 }
 
 // Without a client each record call says so, and the arguments of a macro are evaluated once.

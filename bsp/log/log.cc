@@ -32,11 +32,17 @@ bool Passes(const char* module, int level) {
   return level <= (g_log != nullptr ? g_log->GetLogLevel(module) : g_log_level);
 }
 
+// The full length of the text, of which 1022 characters are stored.
+BSP_PRINTF(2, 0)
+int FormatText(char (&text)[1024], const char* fmt, va_list args) {
+  return fmt != nullptr ? vsnprintf(text, kTextLimit, fmt, args) : 0;
+}
+
 __attribute__((noinline)) void PrintLine(const char* module, int level, const char* file,
                                          const char* func, int line, const char* fmt,
                                          va_list args) {
   char text[1024] = {};
-  vsnprintf(text, kTextLimit, fmt, args);
+  FormatText(text, fmt, args);
   printf("[%s] %s <%s> %s:%d %s, %s\n", bsp::TimeUtil::TimeMillisStr(), module, kLevelNames[level],
          file, line, func, text);
 }
@@ -53,7 +59,7 @@ __attribute__((noinline)) void FilterAndPrint(const char* module, int level, con
 
 // True when a client is known to drop the line; FilterAndPrint decides what this cannot tell.
 inline bool IsFilteredByClient(const char* module, int level) {
-  if (g_log == nullptr || level > BSP_LEVEL_DEBUG) return false;
+  if (g_log == nullptr || static_cast<unsigned>(level) > BSP_LEVEL_DEBUG) return false;
   const int32_t* known = g_log->FindLevel(module);
   return known != nullptr && level > bsp::LoadWord(*known);
 }
@@ -71,7 +77,7 @@ void SendRecord(int type, int level, int flow_id, int64_t trace_id, const char* 
   msg.level = level;
   msg.flow_id = flow_id;
   msg.trace_id = trace_id;
-  msg.len = vsnprintf(msg.log, kTextLimit, fmt, args);
+  msg.len = FormatText(msg.log, fmt, args);
   g_log->LogMsgProc(file, func, line, &msg);
 }
 
