@@ -2,8 +2,6 @@
 
 #include <fstream>
 #include <iostream>
-#include <iterator>
-#include <utility>
 
 namespace bsp {
 namespace {
@@ -20,10 +18,14 @@ bool FileUtil::IsFileExist(const std::string& path) { return std::ifstream(path)
 bool FileUtil::ReadToString(const std::string& path, std::string& content) {
   std::ifstream file(path, std::ios::binary);
   if (!file) return RefuseOpen(path);
-  file.peek();  // a folder opens, but its first read fails
-  if (file.bad()) return RefuseOpen(path);
-  file.clear();
-  content.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+  std::string bytes;
+  char chunk[4096];
+  do {
+    file.read(chunk, sizeof chunk);
+    bytes.append(chunk, static_cast<size_t>(file.gcount()));
+  } while (file);
+  if (file.bad()) return RefuseOpen(path);  // a folder opens, but its first read fails
+  content.swap(bytes);
   return true;
 }
 
