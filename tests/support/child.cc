@@ -68,6 +68,7 @@ Child Child::Run(const std::vector<std::string>& argv, const std::string& dir) {
   const pid_t pid = fork();
   if (pid == 0) {
     BecomeChild(ends[1], parent);
+    signal(SIGPIPE, SIG_DFL);  // as a shell starts programs; ours has it ignored
     if (!dir.empty() && chdir(dir.c_str()) != 0) _exit(127);
     execvp(words[0], words.data());
     perror(words[0]);
@@ -111,9 +112,12 @@ void Child::Signal(int number) const {
 bool Child::FillOutput(int timeout_ms) {
   if (out_ == -1) return false;
   struct pollfd ready = {out_, POLLIN, 0};
-  if (poll(&ready, 1, timeout_ms) <= 0) return false;
+  const int seen = poll(&ready, 1, timeout_ms);
+  if (seen == -1 && errno == EINTR) return true;  // nothing yet; the caller looks at its time
+  if (seen <= 0) return false;
   char bytes[4096];
   const ssize_t count = read(out_, bytes, sizeof bytes);
+  if (count == -1 && errno == EINTR) return true;
   if (count <= 0) {
     close(out_);
     out_ = -1;

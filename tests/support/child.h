@@ -10,7 +10,8 @@
 
 namespace test {
 
-// Owns one child; the destructor kills and reaps it if it still runs. A child dies with its parent.
+// Owns one child; the destructor kills and reaps it if it still runs. A child dies with the thread
+// that started it.
 //
 // Threads: one at a time.
 class Child {
