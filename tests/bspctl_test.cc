@@ -68,6 +68,8 @@ TEST(BspCtl, EachFailureHasItsExitCode) {
       {"level m 9", 2},
       {"rpc call", 2},
       {"rpc call x 616 --hex --bus nowhere", 2},
+      {"rpc call x --timeout -1", 2},
+      {"rpc call x --bus no.such.host.invalid:7800", 1},
       {"rpc listen x --kind other", 2},
       {"shm remove nonsense", 2},
       {"prop set k ''", 2},
@@ -94,14 +96,17 @@ TEST(BspCtl, EachFailureHasItsExitCode) {
   EXPECT_EQ(result.code, 3);
   EXPECT_EQ(result.err, "bspctl: nobody listens to nobody\n");
   EXPECT_EQ(Ctl("rpc check nobody").code, 3);
+  EXPECT_EQ(Ctl("rpc send nobody hi").code, 3);
   Child sleeper = Child::Run(
-      {kBin + "/bspctl", "rpc", "listen", "slow", "--kind", "request", "--exec", "sleep 30;:"});
+      {kBin + "/bspctl", "rpc", "listen", "slow", "--kind", "request", "--exec", "sleep 300"});
   ASSERT_TRUE(sleeper.WaitForLine("listening"));
   result = Ctl("rpc call slow --timeout 50");
   EXPECT_EQ(result.code, 4);
   EXPECT_NE(result.err.find("no reply within 50 ms"), std::string::npos);
+  sleeper.Signal(SIGTERM);  // its program still runs
+  EXPECT_EQ(sleeper.Wait(), 0);
   Child failer = Child::Run(
-      {kBin + "/bspctl", "rpc", "listen", "bad", "--kind", "request", "--exec", "exit 2;:"});
+      {kBin + "/bspctl", "rpc", "listen", "bad", "--kind", "request", "--exec", "exit 2"});
   ASSERT_TRUE(failer.WaitForLine("listening"));
   result = Ctl("rpc call bad");
   EXPECT_EQ(result.code, 5) << "a listener's -2 must not look like a missing command";
@@ -114,7 +119,7 @@ TEST(BspCtl, ShellScriptsCallListenAndSend) {
   NEED_PRIVATE_WORLD();
   Child broker = StartBroker();
   Child upper = Child::Run({kBin + "/bspctl", "rpc", "listen", "upper", "--kind", "request",
-                            "--json", "--exec", "tr a-z A-Z;:"});
+                            "--json", "--exec", "tr a-z A-Z"});
   Child fixed = Child::Run(
       {kBin + "/bspctl", "rpc", "listen", "fixed", "--kind", "request", "--reply", "pong"});
   ASSERT_TRUE(fixed.WaitForLine("listening"));
@@ -127,9 +132,9 @@ TEST(BspCtl, ShellScriptsCallListenAndSend) {
   EXPECT_EQ(Ctl("rpc call upper abc --json").out, "{\"text\":\"ABC\"}\n");
   EXPECT_EQ(Ctl("rpc call upper - </dev/null").out, "\n");
   // More than a pipe holds, in both directions at once.
-  Child big = Child::Run(
-      {"/bin/sh", "-c",
-       "exec " + kBin + "/bspctl rpc listen big --kind request --exec 'cat;:' >/dev/null"});
+  Child big =
+      Child::Run({"/bin/sh", "-c",
+                  "exec " + kBin + "/bspctl rpc listen big --kind request --exec cat >/dev/null"});
   ASSERT_TRUE(big.WaitForLine("listening"));
   std::ofstream("/mnt/big") << std::string(300000, 'x') << '\n';
   EXPECT_EQ(Ctl("rpc call big - < /mnt/big --timeout 20000 | wc -c").out, "300001\n");
@@ -198,11 +203,17 @@ TEST(BspCtl, StatusAndLevels) {
 TEST(BspCtl, StoresAndSegments) {
   NEED_PRIVATE_WORLD();
   EXPECT_EQ(Ctl("prop set name 'two words'").code, 0);
+  EXPECT_EQ(Ctl("prop set warm '-5 \u00b0C'").code, 0);
+  EXPECT_EQ(Ctl("prop get warm").out, "-5 \u00b0C\n");
   EXPECT_EQ(Ctl("prop set bytes 00ff10 --hex").code, 0);
   EXPECT_EQ(Ctl("prop get name").out, "two words\n");
   EXPECT_EQ(Ctl("prop get name --size 3").out, "two\n");
   EXPECT_EQ(Ctl("prop get bytes").out, "0x00ff10\n");
   EXPECT_EQ(Ctl("prop get bytes --json").out, "{\"key\":\"bytes\",\"hex\":\"00ff10\"}\n");
+  EXPECT_EQ(Ctl("prop set latin1 b043 --hex").code, 0);
+  EXPECT_EQ(Ctl("prop get latin1").out, "0xb043\n") << "no UTF-8";
+  EXPECT_EQ(Ctl("prop set escape c29b41 --hex").code, 0);
+  EXPECT_EQ(Ctl("prop get escape").out, "0xc29b41\n") << "begins a terminal's control sequence";
   const Result refused = Ctl("prop set nam x");
   EXPECT_EQ(refused.code, 1);
   EXPECT_NE(refused.err.find("would overwrite name"), std::string::npos) << refused.err;
@@ -224,6 +235,14 @@ TEST(BspCtl, StoresAndSegments) {
   const Result list = Ctl("shm list");
   for (const char* text : {"0x65000000", "0x65000011", "0x66000000", "properties", "semaphores"}) {
     EXPECT_NE(list.out.find(text), std::string::npos) << text << "\n" << list.out;
+  }
+  // Another user is told whose the segments are, instead of that there are none.
+  const std::string as_other = "setpriv --reuid 65534 --clear-groups " + kBin + "/bspctl ";
+  if (Child::Run({"/bin/sh", "-c", as_other + "--version"}).Wait() == 0) {  // else not ours to do
+    Child other = Child::Run({"/bin/sh", "-c", as_other + "prop list; " + as_other + "shm list"});
+    EXPECT_EQ(other.Wait(), 0);
+    EXPECT_NE(other.output().find("0x66000000 belongs to user"), std::string::npos);
+    EXPECT_NE(other.output().find("events-info-hash"), std::string::npos) << other.output();
   }
   const Result in_use = Ctl("shm remove events-info-hash");
   EXPECT_EQ(in_use.code, 1);

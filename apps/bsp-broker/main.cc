@@ -10,7 +10,6 @@
 #include "apps/common/host.h"
 #include "apps/common/service_manager.h"
 #include "bsp/base/error.h"
-#include "bsp/base/socket.h"
 #include "bsp/net/rpc/rpc_server.h"
 
 namespace {
@@ -92,15 +91,9 @@ void RaiseDescriptorLimit() {
   setrlimit(RLIMIT_NOFILE, &limit);  // best effort: without it more peers are turned away
 }
 
-// A name that cannot be resolved would listen on all interfaces.
-bool IsResolved(const Settings& settings) {
-  bsp::SocketAddress address(settings.host, settings.port);
-  return settings.host == "0.0.0.0" || std::string(address.Host()) != "0.0.0.0";
-}
-
 int Serve(const Settings& settings, FILE* out) {
   const char* host = settings.host.c_str();
-  if (!IsResolved(settings)) {
+  if (!app::IsResolved(settings.host)) {
     fprintf(stderr, "bsp-broker: cannot resolve host %s: give an IPv4 address\n", host);
     return kFailed;
   }

@@ -18,19 +18,40 @@ constexpr const char* kRed = "\033[31m";
 constexpr const char* kGreen = "\033[32m";
 constexpr const char* kPlain = "\033[0m";
 
-bool IsPrintable(const std::string& bytes) {
-  return std::all_of(bytes.begin(), bytes.end(), [](char c) {
-    return std::isprint(static_cast<unsigned char>(c)) != 0 || c == '\n' || c == '\t';
-  });
+// Bytes of the UTF-8 sequence at the beginning of the text, 0 when it is none that a terminal may
+// get: cut, overlong, a surrogate, or a control character other than line feed and tab.
+size_t PrintableSequence(const char* text, size_t size) {
+  const auto byte = [text](size_t i) { return static_cast<unsigned char>(text[i]); };
+  const unsigned first = byte(0);
+  if (first < 0x80) return std::isprint(byte(0)) != 0 || first == '\n' || first == '\t' ? 1 : 0;
+  const size_t length = first >= 0xf0 ? 4 : first >= 0xe0 ? 3 : 2;
+  if (first < 0xc2 || first > 0xf4 || length > size) return 0;
+  unsigned code = first & (0x7fu >> length);
+  for (size_t i = 1; i < length; ++i) {
+    if ((byte(i) & 0xc0) != 0x80) return 0;
+    code = code << 6 | (byte(i) & 0x3fu);
+  }
+  const unsigned least = length == 4 ? 0x10000 : length == 3 ? 0x800 : 0xa0;
+  return code >= least && code <= 0x10ffff && (code < 0xd800 || code > 0xdfff) ? length : 0;
 }
 
-// Columns that a cell takes on the screen: its bytes without the colour sequences.
+bool IsPrintable(const std::string& bytes) {
+  for (size_t i = 0; i < bytes.size();) {
+    const size_t length = PrintableSequence(bytes.data() + i, bytes.size() - i);
+    if (length == 0) return false;
+    i += length;
+  }
+  return true;
+}
+
+// Columns that a cell takes on the screen: its characters without the colour sequences.
 size_t Width(const std::string& cell) {
   size_t width = 0;
   bool in_sequence = false;
   for (char c : cell) {
     if (c == '\033') in_sequence = true;
-    if (!in_sequence) ++width;
+    const bool is_continued = (static_cast<unsigned char>(c) & 0xc0) == 0x80;
+    if (!in_sequence && !is_continued) ++width;
     if (in_sequence && c == 'm') in_sequence = false;
   }
   return width;
@@ -81,6 +102,14 @@ std::string Readable(const std::string& bytes) {
   return IsPrintable(bytes) ? bytes : "0x" + ToHex(bytes);
 }
 
+std::string OneLine(const std::string& bytes) {
+  std::string line = Readable(bytes);
+  for (size_t i = 0; (i = line.find_first_of("\n\t", i)) != std::string::npos; i += 2) {
+    line.replace(i, 1, line[i] == '\n' ? "\\n" : "\\t");
+  }
+  return line;
+}
+
 Json ToJson(const std::string& bytes) {
   return IsPrintable(bytes) ? Json{{"text", bytes}} : Json{{"hex", ToHex(bytes)}};
 }
@@ -88,6 +117,10 @@ Json ToJson(const std::string& bytes) {
 void PrintLine(const std::string& line) {
   puts(line.c_str());
   fflush(stdout);
+}
+
+void PrintJson(const Json& object) {
+  PrintLine(object.dump(-1, ' ', false, Json::error_handler_t::replace));
 }
 
 bool IsTerminal() { return isatty(STDOUT_FILENO) == 1; }

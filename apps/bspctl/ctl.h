@@ -46,8 +46,11 @@ CLI::App* AddVerb(CLI::App* noun, Context* context, const std::string& name,
 // Tells a failure on standard error, "bspctl: TEXT", and gives the code back.
 int Fail(ExitCode code, const char* fmt, ...) BSP_PRINTF(2, 3);
 
-// Bytes for people: as they are when they are printable text, else "0x" and hex digits.
+// Bytes for people: as they are when they are printable UTF-8 text, else "0x" and hex digits.
 std::string Readable(const std::string& bytes);
+
+// The same for a cell of a table: a line feed as "\n", a tab as "\t".
+std::string OneLine(const std::string& bytes);
 
 // Bytes for scripts: {"text": ...} when they are printable, else {"hex": ...}.
 Json ToJson(const std::string& bytes);
@@ -59,6 +62,9 @@ bool FromHex(const std::string& text, std::string* bytes);
 
 // One line on standard output, flushed, so that a reader behind a pipe sees it at once.
 void PrintLine(const std::string& line);
+
+// One JSON object on a line of its own; what is no UTF-8 in it is replaced.
+void PrintJson(const Json& object);
 
 // Rows under a head, columns aligned; bold head on a terminal.
 class Table {

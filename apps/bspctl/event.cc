@@ -4,6 +4,7 @@
 #include <string>
 
 #include "apps/bspctl/ctl.h"
+#include "apps/bspctl/sysv.h"
 #include "bsp/shmc/shm_alloc.h"
 #include "bsp/shmc/shm_hash_map.h"
 
@@ -14,6 +15,7 @@ using Map = shmc::ShmHashMap<unsigned long, shmc::impl::SVIPCShmAlloc<false>>;
 
 constexpr const char* kInfoName = "0x6500000";
 constexpr const char* kDataName = "0x6500001";
+constexpr key_t kFirstKey = 0x65000000;  // of the segments behind the two
 
 struct Cache {
   Map info;
@@ -24,7 +26,7 @@ struct Cache {
 std::shared_ptr<Cache> Open() {
   auto cache = std::make_shared<Cache>();
   if (cache->info.InitForRead(kInfoName) && cache->data.InitForRead(kDataName)) return cache;
-  Fail(kFailed, "there is no readable event cache: its writer has not run yet");
+  FailToAttach(kFirstKey, kFailed, "there is no event cache: its writer has not run yet");
   return nullptr;
 }
 
@@ -50,10 +52,10 @@ int List(bool as_json) {
     if (as_json) {
       Json line = {{"key", key}, {"info", ToJson(info)}};
       if (has_data) line["data_bytes"] = data.size();
-      PrintLine(line.dump());
+      PrintJson(line);
     }
     table.AddRow(
-        {std::to_string(key), Readable(info), has_data ? std::to_string(data.size()) : "-"});
+        {std::to_string(key), OneLine(info), has_data ? std::to_string(data.size()) : "-"});
   });
   if (!as_json) table.Print();
   return kDone;
@@ -71,12 +73,12 @@ int Get(unsigned long key, bool as_json) {
     Json line = {{"key", key}};
     if (has_info) line["info"] = ToJson(info);
     if (has_data) line["data"] = ToJson(data);
-    PrintLine(line.dump());
+    PrintJson(line);
     return kDone;
   }
   Table table({"RECORD", "CONTENT"});
-  if (has_info) table.AddRow({"info", Readable(info)});
-  if (has_data) table.AddRow({"data", Readable(data)});
+  if (has_info) table.AddRow({"info", OneLine(info)});
+  if (has_data) table.AddRow({"data", OneLine(data)});
   table.Print();
   return kDone;
 }

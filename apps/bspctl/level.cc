@@ -4,6 +4,7 @@
 
 #include "apps/bspctl/ctl.h"
 #include "apps/bspctl/status_block.h"
+#include "apps/bspctl/sysv.h"
 #include "bsp/shmc/shm_handle.h"
 
 namespace ctl {
@@ -54,11 +55,13 @@ int SetLevel(const LevelRequest& request, bool as_json) {
                 request.level.c_str());
   }
   const auto modules = ReadModules();
-  if (!modules) return Fail(kNotRunning, "no status block: is bsp-logd running?");
+  if (!modules) {
+    return FailToAttach(kStatusKey, kNotRunning, "no status block: is bsp-logd running?");
+  }
 
   shmc::ShmHandle<bsp::SystemStatus, shmc::impl::SVIPCShmAlloc<false>> block;
   if (!block.InitForWrite(bsp::kSystemStatusName, bsp::kSystemStatusSize, 0)) {
-    return Fail(kFailed, "cannot write the status block: are you its owner?");
+    return FailToAttach(kStatusKey, kNotRunning, "the status block was removed this moment");
   }
   for (const ModuleView& module : *modules) {
     if (module.name != request.module) continue;
@@ -72,7 +75,7 @@ int SetLevel(const LevelRequest& request, bool as_json) {
     if (as_json) {
       Json done = {{"module", request.module}, {"level", *level}};
       if (!request.tag.empty()) done["tag"] = request.tag;
-      PrintLine(done.dump());
+      PrintJson(done);
     }
     return kDone;
   }

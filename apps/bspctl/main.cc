@@ -1,7 +1,8 @@
 // bspctl: the operator's tool for a device that runs bsp. Data goes to standard output and nothing
 // else does; what went wrong is told on standard error and by the exit code.
 #include <csignal>
-#include <cstdio>
+#include <exception>
+#include <string>
 
 #include "apps/bspctl/ctl.h"
 #include "bsp/bsp.h"
@@ -12,13 +13,25 @@ constexpr const char* kExitCodes =
     "Exit codes: 0 done, 1 failed, 2 wrong usage, 3 no such command on the bus, 4 timed out,\n"
     "5 the other side answered with a failure, 7 broker or log server not running.";
 
+// What the parser found wrong, with the words that no noun or verb took.
+std::string Explain(const CLI::App* app, const CLI::Error& error) {
+  std::string text = std::string("bspctl: ") + error.what();
+  if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError)) {
+    for (const std::string& word : app->remaining(true)) text += ", not " + word;
+  }
+  return text + "\nbspctl --help lists what there is; every noun and verb has its own --help.\n";
+}
+
 int Run(int argc, char** argv) {
   CLI::App app("Looks into and steers the modules of a device.", "bspctl");
   app.set_version_flag("--version", "bspctl " BSP_VERSION);
   app.footer(kExitCodes);
   app.require_subcommand(1);
+  app.failure_message(Explain);
 
   ctl::Context context;
+  app.add_flag("--json", context.json, "print JSON, one object a line for streams");
+  app.add_option("--bus", context.bus, "address of the broker")->capture_default_str();
   ctl::AddStatus(&app, &context);
   ctl::AddLevel(&app, &context);
   ctl::AddProp(&app, &context);

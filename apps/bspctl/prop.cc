@@ -4,6 +4,7 @@
 #include <optional>
 
 #include "apps/bspctl/ctl.h"
+#include "apps/bspctl/sysv.h"
 #include "bsp/bsp.h"
 #include "bsp/cache/system_property.h"
 #include "bsp/shmc/shm_handle.h"
@@ -12,9 +13,10 @@
 namespace ctl {
 namespace {
 
-constexpr const char* kSegment = "0x66000000";
-constexpr size_t kSlots = 128;
-constexpr int kMaxValue = 223;  // bytes; the last byte of a slot's value is never used
+constexpr key_t kKey = 0x66000000;
+constexpr int kMaxValue = SystemProperty::kMaxValue;
+
+constexpr const char* kNoTable = "there is no property table yet: no module has set one";
 
 struct Property {
   std::string key;
@@ -24,12 +26,13 @@ struct Property {
 // All properties in slot order; empty when there is no table.
 std::optional<std::vector<Property>> ReadProperties() {
   shmc::ShmHandle<SystemProperty::KeyV, shmc::impl::SVIPCShmAlloc<false>> table;
-  if (!table.InitForRead(kSegment, kSlots * sizeof(SystemProperty::KeyV))) return std::nullopt;
+  if (!table.InitForRead(SystemProperty::kSegment, SystemProperty::kSegmentSize))
+    return std::nullopt;
   shmc::impl::SVIPCMutex mutex;
-  mutex.Open(kSegment);
+  mutex.Open(SystemProperty::kSegment);
   const shmc::impl::SVIPCGuard guard(&mutex);
   std::vector<Property> properties;
-  for (size_t i = 0; i < kSlots; ++i) {
+  for (int i = 0; i < SystemProperty::kSlots; ++i) {
     const SystemProperty::KeyV& slot = table.ptr()[i];
     if (slot.key[0] == '\0') continue;
     properties.push_back({std::string(slot.key, strnlen(slot.key, sizeof slot.key)),
@@ -59,12 +62,12 @@ Json ToJsonLine(const std::string& key, const std::string& value) {
 
 int List(bool as_json) {
   const auto properties = ReadProperties();
-  if (!properties) return Fail(kFailed, "there is no property table yet: no module has set one");
+  if (!properties) return FailToAttach(kKey, kFailed, kNoTable);
   Table table({"KEY", "VALUE"});
   for (const Property& property : *properties) {
     const std::string value = WithoutTrailingZeros(property.value);
-    if (as_json) PrintLine(ToJsonLine(property.key, value).dump());
-    table.AddRow({Readable(property.key), Readable(value)});
+    if (as_json) PrintJson(ToJsonLine(property.key, value));
+    table.AddRow({Readable(property.key), OneLine(value)});
   }
   if (!as_json) table.Print();
   return kDone;
@@ -72,13 +75,13 @@ int List(bool as_json) {
 
 int Get(const std::string& key, int size, bool as_json) {
   const auto properties = ReadProperties();
-  if (!properties) return Fail(kFailed, "there is no property table yet: no module has set one");
+  if (!properties) return FailToAttach(kKey, kFailed, kNoTable);
   const Property* property = Find(*properties, key);
   if (property == nullptr) return Fail(kFailed, "no property %s", key.c_str());
   const std::string value = size > 0 ? property->value.substr(0, static_cast<size_t>(size))
                                      : WithoutTrailingZeros(property->value);
   if (as_json) {
-    PrintLine(ToJsonLine(property->key, value).dump());
+    PrintJson(ToJsonLine(property->key, value));
   } else {
     PrintLine(Readable(value));
   }
@@ -102,8 +105,9 @@ int Set(const std::string& key, const std::string& value, bool is_hex) {
   if (system_property_set(key.c_str(), bytes.data(), static_cast<int>(bytes.size())) == 0) {
     return kDone;
   }
-  return Fail(kFailed, "cannot set %s: is the table full (128 keys), or owned by another user?",
-              key.c_str());
+  if (!ReadProperties()) return FailToAttach(kKey, kFailed, "cannot make the property table");
+  return Fail(kFailed, "cannot set %s: all %d properties are taken", key.c_str(),
+              SystemProperty::kSlots);
 }
 
 std::string CheckKey(const std::string& key) {

@@ -5,6 +5,7 @@
 
 #include "apps/bspctl/ctl.h"
 #include "apps/bspctl/status_block.h"
+#include "apps/bspctl/sysv.h"
 
 namespace ctl {
 namespace {
@@ -41,11 +42,11 @@ void PrintTable(const std::vector<ModuleView>& modules) {
 int ShowOnce(bool as_json) {
   const auto modules = ReadModules();
   if (!modules) {
-    return Fail(kNotRunning,
-                "no status block: is bsp-logd running? It must start before the modules");
+    return FailToAttach(kStatusKey, kNotRunning,
+                        "no status block: is bsp-logd running? It must start before the modules");
   }
   if (as_json) {
-    for (const ModuleView& module : *modules) PrintLine(ToJson(module).dump());
+    for (const ModuleView& module : *modules) PrintJson(ToJson(module));
   } else {
     PrintTable(*modules);
   }

@@ -1,6 +1,6 @@
 #include "apps/bspctl/status_block.h"
 
-#include <cstdio>
+#include <CLI/StringTools.hpp>
 #include <cstring>
 #include <fstream>
 
@@ -66,7 +66,8 @@ bool IsLogServerRunning() {
   return false;
 }
 
-std::optional<int> ParseLevel(const std::string& text) {
+std::optional<int> ParseLevel(const std::string& given) {
+  const std::string text = CLI::detail::to_lower(given);
   for (int level = 0; level < 8; ++level) {
     if (text == kLevelNames[level] || text == std::to_string(level)) return level;
   }

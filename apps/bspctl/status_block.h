@@ -11,6 +11,8 @@
 
 namespace ctl {
 
+constexpr int kStatusKey = 0x64000000;  // System V key of the block
+
 struct TagView {
   std::string name;
   int32_t level;
@@ -33,7 +35,8 @@ std::optional<std::vector<ModuleView>> ReadModules();
 // True when a process has the log server's port.
 bool IsLogServerRunning();
 
-// Our names and the syslog names of levels, or their numbers; empty when the text is neither.
+// Our names and the syslog names of levels, in any case, or their numbers; empty when the text is
+// neither.
 std::optional<int> ParseLevel(const std::string& text);
 
 // "6 info", or the bare number when it is outside 0 to 7.

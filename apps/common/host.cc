@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include "bsp/base/socket.h"
+
 namespace app {
 
 FILE* SplitOutput() {
@@ -17,6 +19,11 @@ sigset_t BlockSignals(std::initializer_list<int> signals) {
   for (const int signal : signals) sigaddset(&set, signal);
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
   return set;
+}
+
+bool IsResolved(const std::string& host) {
+  const bsp::SocketAddress address(host, 0);
+  return host == "0.0.0.0" || std::string(address.Host()) != "0.0.0.0";
 }
 
 }  // namespace app

@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <initializer_list>
+#include <string>
 
 namespace app {
 
@@ -16,6 +17,10 @@ FILE* SplitOutput();
 // Blocks the signals for this thread and those that it starts, so that they come to sigwait alone.
 // The set is for sigwait.
 sigset_t BlockSignals(std::initializer_list<int> signals);
+
+// False for a host name that has no address: the library would take it for 0.0.0.0, which is all
+// interfaces to a listener and this machine to a caller.
+bool IsResolved(const std::string& host);
 
 }  // namespace app
 
