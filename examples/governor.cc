@@ -23,6 +23,7 @@ constexpr const char* kTag = "GOVERNOR";
 constexpr const char* kSamples = "device.sample";
 constexpr const char* kFan = "fan.set";
 constexpr int kCallTimeoutMs = 1000;
+constexpr int kFlowFan = 1;  // id of the flow under which the log server files it
 
 // CPU load in percent from which a fan speed in percent applies; the last row that fits counts.
 constexpr struct {
@@ -67,6 +68,7 @@ class Governor : public sigslot::has_slots<sigslot::single_threaded> {
     // Also repeated now and then: a restarted actuator has forgotten its speed.
     if (speed == speed_ && number % 3 != 0) return;
     std::string response;
+    BSP_TRACE(static_cast<int64_t>(number), kFlowFan, "call %s, speed=%d", kFan, speed);
     const auto error =
         bus_->SendRequest(kFan, "speed=" + std::to_string(speed), response, kCallTimeoutMs);
     if (error != nullptr) {
@@ -77,7 +79,7 @@ class Governor : public sigslot::has_slots<sigslot::single_threaded> {
     }
     speed_ = speed;
     BSP_LOG_INFO(kTag, "cpu %d%% -> fan %d%%, answer: %s", cpu, speed, response.c_str());
-    BSP_CONTROL(1, "cpu %d%%, fan set to %d%%", cpu, speed);
+    BSP_CONTROL(kFlowFan, "cpu %d%%, fan set to %d%%", cpu, speed);
   }
 
   std::shared_ptr<bsp::RpcClient> bus_;

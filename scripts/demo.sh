@@ -34,11 +34,17 @@ die() {
 # ---- outside: build, then step into a device of our own --------------------------------------------
 
 if [ "$inside" -eq 0 ]; then
-  say "Setting up and building (the first time takes a few minutes)"
+  say "Setting up and building (the first time takes a minute or two)"
   ./scripts/setup.sh
   command -v ninja >/dev/null && export CMAKE_GENERATOR="${CMAKE_GENERATOR:-Ninja}"
-  cmake --preset release >/dev/null
-  cmake --build --preset release -j "$(nproc)" >/dev/null
+  build_log=$(mktemp /tmp/bsp-build-XXXXXX)
+  if ! { cmake --preset release && cmake --build --preset release -j "$(nproc)" \
+    --target bsp-broker bsp-logd bspctl examples; } >"$build_log" 2>&1; then
+    tail -n 30 "$build_log" >&2
+    rm -f "$build_log"
+    die "the build failed"
+  fi
+  rm -f "$build_log"
   tell "library: $(stat -Lc %s build/release/lib/libbsp.so) bytes"
 
   args=(--inside)
@@ -51,6 +57,8 @@ if [ "$inside" -eq 0 ]; then
   tell "the kernel refuses private namespaces: running beside what is on this machine"
   [ -z "$("$bin/bspctl" shm list --json)" ] ||
     die "bsp already runs here or left segments (bspctl shm list): refusing to disturb it"
+  "$bin/bspctl" rpc check demo >/dev/null 2>&1 || [ $? -eq 7 ] ||
+    die "something listens on port $port already: refusing to disturb it"
   export BSP_DEMO_SHARED=1
   exec "$root/scripts/demo.sh" "${args[@]}"
 fi
@@ -68,7 +76,9 @@ clean_up() {
     kill -CONT "${pids[$name]}" 2>/dev/null || true
     kill -TERM "${pids[$name]}" 2>/dev/null || true
   done
-  wait 2>/dev/null || true
+  for name in "${!pids[@]}"; do
+    wait "${pids[$name]}" 2>/dev/null || true
+  done
   if [ -n "${BSP_DEMO_SHARED:-}" ]; then # in a namespace the segments go with it
     local key
     for key in $(bspctl shm list --json | sed -n 's/.*"key":"\([^"]*\)".*/\1/p' | sort -u); do
@@ -190,7 +200,8 @@ if [ "$keep" -eq 1 ]; then
     PS1='device$ ' bash --norc -i || true
   else
     tell "no terminal: press Ctrl-C to end"
-    while sleep 3600; do :; done
+    sleep infinity &
+    wait $! || true
   fi
 fi
 
