@@ -34,6 +34,7 @@
 #include <list>
 #include <memory>
 #include <set>
+#include <type_traits>
 #include <utility>
 
 namespace sigslot {
@@ -140,6 +141,10 @@ class has_slots : public has_slots_interface, public mt_policy {
   std::set<_signal_base_interface*> signals_;  // connected to this receiver, each once
 };
 
+// What an argument is copied from; one that is a reference is handed on as it is.
+template <class argument>
+using copied = std::add_lvalue_reference_t<std::add_const_t<argument>>;
+
 // One connection: a receiver and one of its member functions.
 template <class a1, class a2, class mt_policy>
 class _connection_base2 {
@@ -147,6 +152,10 @@ class _connection_base2 {
   virtual ~_connection_base2() = default;
   virtual has_slots_interface* getdest() const = 0;
   virtual void emit(a1 first, a2 second) = 0;
+
+  // As emit with copies of the arguments, made where the slot takes them: through emit each would
+  // be moved once more on the way.
+  virtual void emit_copies(copied<a1> first, copied<a2> second) = 0;
 
   // A new connection, owned by the caller, to the same receiver or to new_dest; the latter null
   // when new_dest is not of the receiver's class.
@@ -166,6 +175,10 @@ class _connection2 : public _connection_base2<a1, a2, mt_policy> {
   // The slot may free this connection: nothing of it is read behind the call.
   void emit(a1 first, a2 second) override {
     (object_->*member_)(std::forward<a1>(first), std::forward<a2>(second));
+  }
+
+  void emit_copies(copied<a1> first, copied<a2> second) override {
+    (object_->*member_)(first, second);
   }
 
   _connection_base2<a1, a2, mt_policy>* clone() const override { return new _connection2(*this); }
@@ -310,19 +323,25 @@ class signal2 : public _signal_base2<a1, a2, mt_policy> {
     this->append(std::make_unique<_connection2<dest, a1, a2, mt_policy>>(object, member));
   }
 
-  // Calls every slot with copies of its own of the arguments. An exception of a slot ends the walk
-  // and passes through.
-  void operator()(a1 first, a2 second) {
+  // Calls every slot with copies of its own of the arguments as they are now, whatever the slots do
+  // to the originals. An exception of a slot ends the walk and passes through.
+  void operator()(copied<a1> first, copied<a2> second) {
     typename _signal_base2<a1, a2, mt_policy>::emission walk(this);
-    while (!walk.is_done()) {
-      auto* slot = walk.take_next();
-      if (walk.is_done()) {
-        // The last one may have our copies: nothing that it connects is called in this walk.
-        slot->emit(std::forward<a1>(first), std::forward<a2>(second));
-        return;
-      }
-      slot->emit(first, second);
+    if (walk.is_done()) return;
+    auto* slot = walk.take_next();
+    // The only one, or the last below: nothing that it connects is called in this walk.
+    if (walk.is_done()) {
+      slot->emit_copies(first, second);
+      return;
     }
+    a1 own_first = first;
+    a2 own_second = second;
+    do {
+      slot->emit_copies(own_first, own_second);
+      if (walk.is_done()) return;
+      slot = walk.take_next();
+    } while (!walk.is_done());
+    slot->emit(std::forward<a1>(own_first), std::forward<a2>(own_second));
   }
 };
 
