@@ -68,7 +68,7 @@ std::shared_ptr<Semaphore> SemaphorePool::Get() {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (!free_.empty()) {
       std::shared_ptr<Semaphore> sem = std::move(free_.front());
-      free_.pop_front();
+      spare_.splice(spare_.begin(), free_, free_.begin());
       return sem;
     }
   }
@@ -78,7 +78,12 @@ std::shared_ptr<Semaphore> SemaphorePool::Get() {
 void SemaphorePool::Put(const std::shared_ptr<Semaphore>& sem) {
   if (!sem) return;
   const std::lock_guard<std::mutex> lock(mutex_);
-  free_.push_back(sem);
+  if (spare_.empty()) {
+    free_.push_back(sem);
+    return;
+  }
+  spare_.front() = sem;
+  free_.splice(free_.end(), spare_, spare_.begin());
 }
 
 }  // namespace bsp

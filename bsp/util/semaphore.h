@@ -6,7 +6,7 @@
 #include <pthread.h>
 
 #include <cstdint>
-#include <deque>
+#include <list>
 #include <memory>
 #include <mutex>
 
@@ -61,8 +61,9 @@ class BSP_EXPORT SemaphorePool {
  private:
   SemaphorePool() = default;
 
-  std::mutex mutex_;  // guards free_
-  std::deque<std::shared_ptr<Semaphore>> free_;
+  std::mutex mutex_;  // guards the fields below
+  std::list<std::shared_ptr<Semaphore>> free_;
+  std::list<std::shared_ptr<Semaphore>> spare_;  // empty nodes, so that lending allocates nothing
 };
 
 }  // namespace bsp
