@@ -1,13 +1,9 @@
 # Everything beside the library that is installed, and the Debian packages: libbsp1 (the library),
 # libbsp-dev (headers and build files), bsp-tools (programs, units, man pages, completion).
 
-foreach(unit bsp-logd.service bsp-broker.service bsp-module@.service)
-  set(BINDIR ${CMAKE_INSTALL_FULL_BINDIR})
-  configure_file(${PROJECT_SOURCE_DIR}/packaging/systemd/${unit}
-                 ${PROJECT_BINARY_DIR}/systemd/${unit} @ONLY)
-  install(FILES ${PROJECT_BINARY_DIR}/systemd/${unit} DESTINATION lib/systemd/system
-          COMPONENT tools)
-endforeach()
+set(BSP_SYSTEMD_UNIT_DIR lib/systemd/system CACHE STRING "Where systemd looks for units")
+file(GLOB units CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/packaging/systemd/*.service)
+install(FILES ${units} DESTINATION ${BSP_SYSTEMD_UNIT_DIR} COMPONENT tools)
 file(GLOB man_pages CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/packaging/man/*.1)
 install(FILES ${man_pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
 file(GLOB completions CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/packaging/completion/*)

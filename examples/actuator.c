@@ -14,7 +14,6 @@
 #include "bsp/bsp.h"
 
 #define TAG "ACTUATOR"
-#define COMMAND_KIND_REQUEST 11
 
 /* Runs on the bus thread. The result is the length of the answer, or a failure code below 0. */
 static int SetFan(const char* action, const char* request, int request_length, char* response,
@@ -53,7 +52,7 @@ int main(int argc, char** argv) {
   if (log_init(argc, argv, 0) != 0) return 1;
   bus = rpc_client_c_open("127.0.0.1", port);
   if (bus == NULL) return 1;
-  if (rpc_client_c_listen_v1(bus, "fan.set", COMMAND_KIND_REQUEST, 0, SetFan, NULL) != 0) {
+  if (rpc_client_c_listen_v1(bus, "fan.set", RPC_TYPE_REQUEST, 0, SetFan, NULL) != 0) {
     rpc_client_c_close(bus);
     return 1;
   }

@@ -23,7 +23,7 @@ int main(int argc, char** argv) {
   sigprocmask(SIG_BLOCK, &ends, NULL); /* before the bus thread exists */
   bus = rpc_client_c_open("127.0.0.1", argc > 1 ? atoi(argv[1]) : 7800);
   if (bus == NULL) return 1;
-  if (rpc_client_c_listen_v1(bus, "greet", 11, 0, Greet, NULL) != 0) return 1;
+  if (rpc_client_c_listen_v1(bus, "greet", RPC_TYPE_REQUEST, 0, Greet, NULL) != 0) return 1;
   puts("listening to greet");
   fflush(stdout);
   sigwait(&ends, &number);

@@ -2,9 +2,13 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "tests/support/child.h"
 #include "tests/support/test_env.h"
@@ -53,12 +57,61 @@ TEST(Examples, CallersAndListenersOfBothLanguages) {
   End(&broker);
 }
 
-TEST(Examples, EventThreadRunsInOrderOfDueTimes) {
-  Child child = Child::Run({kExamples + "event_thread"});
-  for (const char* expected : {"message 1", "message 2", "message 3"}) {
-    ASSERT_TRUE(child.WaitForLine(expected)) << child.output();
+// Those that need no servers: what they print tells that each step did its work.
+TEST(Examples, SmallOnesPrintWhatTheyShow) {
+  NEED_PRIVATE_WORLD();
+  const std::vector<std::pair<std::string, std::vector<std::string>>> expected = {
+      {"errors",
+       {"code -2: no identity, cannot read /nowhere/serial.", "errors.cc:", "errors.cc:"}},
+      {"utilities", {"slept for 20 ms", "speed=40: 40", "level=high: -1"}},
+      {"signals", {"panel shows 21 C", "nobody looked at 22"}},
+      {"semaphore", {"timed out, then ready"}},
+      {"buffer", {"record lamp", "record door"}},
+      {"event_thread", {"message 1", "message 2", "message 3"}},
+      {"echo", {"echo: ping"}},
+      {"shared_map", {"door 7 is open since 12:30"}},
+      {"database", {"fault 7: it's hot"}},
+  };
+  const std::string dir = test::MakeTempDir();
+  for (const auto& [name, lines] : expected) {
+    Child child = Child::Run({kExamples + name}, dir);
+    for (const std::string& line : lines) {
+      EXPECT_TRUE(child.WaitForLine(line)) << name << ": " << child.output();
+    }
+    EXPECT_EQ(child.Wait(), 0) << name;
   }
-  EXPECT_EQ(child.Wait(), 0);
+}
+
+// The lines of a text without their indentation.
+std::string Flat(std::istream& text, const std::string& end = std::string()) {
+  std::string flat;
+  std::string line;
+  while (std::getline(text, line) && (end.empty() || line != end)) {
+    flat += line.substr(std::min(line.find_first_not_of(' '), line.size())) + "\n";
+  }
+  return flat;
+}
+
+// A document that shows what no longer compiles: every C and C++ block stands in an example.
+TEST(Examples, DocumentsShowWhatIsBuilt) {
+  const std::string root = BSP_TEST_SOURCE_DIR;
+  std::string sources;
+  for (const auto& file : std::filesystem::directory_iterator(root + "/examples")) {
+    std::ifstream source(file.path());
+    sources += Flat(source);
+  }
+  int blocks = 0;
+  for (const char* name : {"/README.md", "/docs/guide.md"}) {
+    std::ifstream document(root + name);
+    std::string line;
+    while (std::getline(document, line)) {
+      if (line != "```c" && line != "```cpp") continue;
+      const std::string block = Flat(document, "```");
+      EXPECT_NE(sources.find(block), std::string::npos) << name << " shows\n" << block;
+      ++blocks;
+    }
+  }
+  EXPECT_GT(blocks, 25);
 }
 
 // The demo's device: samples flow, a decision reaches the fan, and what it left in shared memory is
@@ -78,8 +131,8 @@ TEST(Examples, TheDemoDeviceWorks) {
 
   Child reader = Child::Run({kExamples + "property_reader", "fan.speed"});
   EXPECT_EQ(reader.Wait(), 0) << reader.output();
-  Child events = Child::Run({kBin + "/bspctl", "event", "list"});
-  EXPECT_TRUE(events.WaitForLine("1 ")) << events.output();
+  Child event = Child::Run({kExamples + "event_cache_reader", "1"});
+  EXPECT_TRUE(event.WaitForLine("n=1 cpu=")) << event.output();
   Child user = Child::Run({kExamples + "log_user", "-p", "7"});
   EXPECT_TRUE(user.WaitForLine("shown with -p 7 only")) << user.output();
   EXPECT_EQ(user.Wait(), 0);

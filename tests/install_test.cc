@@ -4,6 +4,7 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -54,13 +55,21 @@ TEST(Install, OutsideProjectsBuildAndRun) {
   EXPECT_NE(output.find("outside cpp ok"), std::string::npos) << output;
   EXPECT_NE(output.find("outside c works"), std::string::npos) << output;
 
-  Sh("export PKG_CONFIG_PATH=" + pc + "; flags=$(pkg-config --cflags --libs bsp); " +
-         "lib=$(pkg-config --variable=libdir bsp); cc -std=c11 -Wall -Werror " + outside +
-         "/outside.c -o " + work + "/pc_c $flags -Wl,-rpath,$lib; c++ -std=c++17 " + outside +
-         "/outside.cc -o " + work + "/pc_cpp $flags -Wl,-rpath,$lib; " + work + "/pc_c; " + work +
-         "/pc_cpp",
-     &output);
-  EXPECT_NE(output.find("outside c works"), std::string::npos) << output;
+  // The first module of the README, built by its very lines.
+  const std::string env = "cd " + work + "; export PKG_CONFIG_PATH=" + pc +
+                          " LD_LIBRARY_PATH=" + prefix + "/lib PATH=" + prefix + "/bin:$PATH; ";
+  Sh("ln -s " + std::string(kSource) + "/examples " + work + "/examples");
+  test::Child broker = test::Child::Run({prefix + "/bin/bsp-broker"});
+  ASSERT_TRUE(broker.WaitForLine("ready")) << broker.output();
+  for (const char* compiler : {"^cc examples", "^c++ .*examples"}) {
+    Sh(env + "grep '" + compiler + "' " + kSource + "/README.md > lines; test -s lines; . ./lines");
+    test::Child module = test::Child::Run({"/bin/sh", "-c", env + "exec ./hello"});
+    Sh(env + "until bspctl rpc check hello; do sleep 0.1; done; bspctl rpc call hello world",
+       &output);
+    EXPECT_NE(output.find("hello world"), std::string::npos) << output;
+    module.Signal(SIGTERM);
+    EXPECT_EQ(module.Wait(), 0) << module.output();
+  }
 
   for (const char* program : {"bsp-broker", "bsp-logd", "bspctl"}) {
     Sh(prefix + "/bin/" + program + " --version", &output);
@@ -91,6 +100,16 @@ TEST(Install, DebianPackagesComeAndGo) {
   Sh(in_root + "'bsp-broker --version; bsp-logd --version; bspctl --version'", &output);
   EXPECT_NE(output.find("bspctl"), std::string::npos) << output;
   Sh(in_root + "'test -e /usr/include/bsp/bsp.h; test -e /lib/systemd/system/bsp-logd.service'");
+  // Units that name what is not there, or what systemd does not know.
+  Sh(in_root + "'mkdir /usr/lib/bsp /usr/lib/bsp/modules; cp /bin/true /usr/lib/bsp/modules/x'");
+  if (access("/usr/bin/systemd-analyze", X_OK) == 0) {
+    Sh(in_root +
+           "'cd /lib/systemd/system; cp bsp-module@.service /tmp/bsp-module@x.service; "
+           "systemd-analyze verify --man=no $PWD/bsp-logd.service $PWD/bsp-broker.service "
+           "/tmp/bsp-module@x.service 2>&1'",
+       &output);
+    EXPECT_EQ(output.find("bsp-"), std::string::npos) << output;
+  }
   Sh(in_root + "'dpkg -P bsp-tools libbsp-dev libbsp1'");
   Sh(in_root +
      "'test ! -e /usr/include/bsp; test ! -e /usr/bin/bspctl; ! ldconfig -p | grep libbsp'");

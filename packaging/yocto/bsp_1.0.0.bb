@@ -10,12 +10,12 @@ DEPENDS = "sqlite3 cli11 nlohmann-json"
 
 inherit cmake systemd pkgconfig
 
-EXTRA_OECMAKE = "-DBSP_BUILD_TESTS=OFF -DBSP_BUILD_BENCH=OFF -DBSP_BUILD_EXAMPLES=OFF"
+EXTRA_OECMAKE = "-DBSP_BUILD_TESTS=OFF -DBSP_BUILD_BENCH=OFF -DBSP_BUILD_EXAMPLES=OFF \
+    -DBSP_SYSTEMD_UNIT_DIR=${systemd_system_unitdir}"
 
 PACKAGES =+ "${PN}-tools"
 FILES:${PN}-tools = "${bindir}/bsp-broker ${bindir}/bsp-logd ${bindir}/bspctl \
-    ${datadir}/bsp ${datadir}/bash-completion ${nonarch_libdir}/systemd"
-FILES:${PN} += "${docdir}"
+    ${datadir}/bsp ${datadir}/bash-completion ${systemd_system_unitdir}"
 RDEPENDS:${PN}-tools = "${PN}"
 
 SYSTEMD_PACKAGES = "${PN}-tools"
