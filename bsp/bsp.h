@@ -207,8 +207,9 @@ BSP_EXPORT void* rpc_client_c_open(const char* host, int port);
 // The same with RPC_OPEN_* flags. Null for an unknown flag.
 BSP_EXPORT void* rpc_client_c_open_v2(const char* host, int port, int flags);
 
-// Ends the thread and the connection. Not from a handler, not beside another call on the handle.
-// Null is ignored. What the socket has not taken yet is lost: rpc_client_c_flush first.
+// Ends the thread and the connection; not beside another call on the handle. Refused, with a log
+// line, in a handler of the same handle. Null is ignored. What the socket has not taken yet is
+// lost: rpc_client_c_flush first.
 BSP_EXPORT void rpc_client_c_close(void* rpc_cli);
 
 // 1 while connected, else 0. Without RPC_OPEN_FAIL_CALLS_ON_DISCONNECT it speaks of this end only.

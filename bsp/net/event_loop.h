@@ -48,6 +48,10 @@ class BSP_EXPORT EventLoop {
   EventLoop(const EventLoop&) = delete;
   EventLoop& operator=(const EventLoop&) = delete;
 
+  // False when the system had no descriptor left for the set: nothing can be registered then, and
+  // Loop must not be called.
+  bool IsValid() const { return epoll_fd_ != -1; }
+
   // Registers `socket` with `handler`. False, after a log line, for an invalid descriptor or one
   // that is registered already, whose first handler then stays; false without one for a null
   // argument. The loop owns neither: the handler is removed before it dies.

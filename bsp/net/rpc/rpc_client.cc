@@ -195,8 +195,13 @@ std::shared_ptr<MSError> RpcClient::Open(const std::string& host, uint16_t port)
     is_lost_ = false;
   }
   pid_ = getpid();
-  sem_pool_ = SemaphorePool::Instance();
+  // Once: calls of an earlier life may still wait, and give their semaphores back.
+  if (sem_pool_ == nullptr) sem_pool_ = SemaphorePool::Instance();
   loop_ = std::make_shared<EventLoop>();
+  if (!loop_->IsValid()) {
+    BSP_LOG_ERROR(MOD_BSP, "create loop error");
+    return BSP_NEW_ERROR(-1, "create loop error");
+  }
   const auto client = std::make_shared<TcpClient>(loop_);
   SetConnection(client);
   input_ = std::make_shared<FrameInput>(recv_buf_, 0);
@@ -350,17 +355,21 @@ std::shared_ptr<MSError> RpcClient::SendReplay(const RpcHeader* request, const c
 // ---- Calls that wait
 
 std::shared_ptr<MSError> RpcClient::Listen(const std::string& cmd, int type, int power) {
+  auto error = CheckCanAsk(cmd);
+  if (error != kOk) return error;
   std::string response;
-  const auto error = AskWithRecord(RPC_TYPE_LISTEN, cmd, type, power, response);
+  error = AskWithRecord(RPC_TYPE_LISTEN, cmd, type, power, response);
   if (error != kOk) return error;
   BSP_LOG_DEBUG(MOD_BSP, "listen cmd %s success", cmd.c_str());
   return kOk;
 }
 
 std::shared_ptr<MSError> RpcClient::CheckCmdPower(const std::string& cmd, int& type, int& power) {
-  std::string response;
+  auto error = CheckCanAsk(cmd);
+  if (error != kOk) return error;
   BSP_LOG_INFO(MOD_BSP, "cmd: %s, type: %d, power: %d", cmd.c_str(), type, power);
-  const auto error = AskWithRecord(RPC_TYPE_CHECK_POWER, cmd, -1, -1, response);
+  std::string response;
+  error = AskWithRecord(RPC_TYPE_CHECK_POWER, cmd, -1, -1, response);
   if (error != kOk) return error;
   RpcListenRecord record;
   // One more than the payload: the reply step appends a zero.
@@ -377,13 +386,15 @@ std::shared_ptr<MSError> RpcClient::CheckCmdPower(const std::string& cmd, int& t
   return kOk;
 }
 
+std::shared_ptr<MSError> RpcClient::CheckCanAsk(const std::string& cmd) const {
+  if (!IsConnected()) return RefuseUnconnected();
+  if (cmd.size() < kNameLimit) return kOk;
+  return BSP_NEW_ERROR(-1, "cmd size is large %d[%d]", static_cast<int>(cmd.size()),
+                       static_cast<int>(kNameLimit));
+}
+
 std::shared_ptr<MSError> RpcClient::AskWithRecord(int frame_type, const std::string& cmd, int type,
                                                   int power, std::string& response) {
-  if (!IsConnected()) return RefuseUnconnected();
-  if (cmd.size() >= kNameLimit) {
-    return BSP_NEW_ERROR(-1, "cmd size is large %d[%d]", static_cast<int>(cmd.size()),
-                         static_cast<int>(kNameLimit));
-  }
   RpcHeader head = NewHead(frame_type, cmd.c_str());
   RpcListenRecord record = {};
   SetRpcCmd(record.cmd, cmd.c_str());

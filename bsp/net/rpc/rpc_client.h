@@ -100,7 +100,8 @@ class BSP_EXPORT RpcClient : public sigslot::has_slots<sigslot::single_threaded>
   sigslot::signal2<std::shared_ptr<RpcClient>, RpcHeader*> SignalMessage;
 
   // The stream from the broker cannot be read (code -1, at each delivery from then on), or, with
-  // fail_calls_on_disconnect, the connection is lost.
+  // fail_calls_on_disconnect, the connection is lost: that may be told at any time once the client
+  // is open, so connect before Open then.
   sigslot::signal2<std::shared_ptr<RpcClient>, std::shared_ptr<MSError>> SignalError;
 
   // Before Open.
@@ -117,6 +118,9 @@ class BSP_EXPORT RpcClient : public sigslot::has_slots<sigslot::single_threaded>
 
   // Speaks of the local socket, not of the peer, unless fail_calls_on_disconnect is on.
   bool IsConnected() const;
+
+  // True on rpc_cli, that is in a slot: where Close is refused and waiting calls time out.
+  bool IsOwnThread() const;
 
   // Does nothing and succeeds: commands are registered by Listen.
   std::shared_ptr<MSError> Register();
@@ -160,11 +164,11 @@ class BSP_EXPORT RpcClient : public sigslot::has_slots<sigslot::single_threaded>
 
   std::shared_ptr<TcpClient> Connection() const;
   void SetConnection(std::shared_ptr<TcpClient> client);
-  bool IsOwnThread() const;
   void LeaveOwnThread();
 
   RpcHeader NewHead(int type, const char* cmd);
   const char* Framed(const RpcHeader& header, const char* payload, size_t length);
+  std::shared_ptr<MSError> CheckCanAsk(const std::string& cmd) const;
   std::shared_ptr<MSError> AskWithRecord(int frame_type, const std::string& cmd, int type,
                                          int power, std::string& response);
   static std::shared_ptr<MSError> RefuseUnconnected();
@@ -186,7 +190,7 @@ class BSP_EXPORT RpcClient : public sigslot::has_slots<sigslot::single_threaded>
   WaiterTable msg_sems_;      // calls in flight, by seq
   std::vector<WaiterTable::node_type> spare_nodes_;  // so that a call allocates none
   std::atomic<bool> is_lost_{false};                 // written under msg_sem_mutex_
-  std::shared_ptr<SemaphorePool> sem_pool_;
+  std::shared_ptr<SemaphorePool> sem_pool_;          // set by the first Open
 
   int32_t pid_ = -1;  // taken by Open: a system call less a frame
   Options options_;

@@ -50,15 +50,13 @@ std::shared_ptr<MSError> RpcClientC::Start(const std::string& host, int port,
   }
   rpc_client_ = std::make_shared<bsp::RpcClient>();
   rpc_client_->SetOptions(options);
-  const auto error = rpc_client_->Open(host, static_cast<uint16_t>(port));
-  if (error != kOk) return Passed(error, __LINE__);
   // Pages that no handler writes to never cost memory, nor a short-lived program time.
   resp_buf_.reset(static_cast<char*>(calloc(1, kRespMax)));
   if (resp_buf_ == nullptr) return BSP_NEW_ERROR(-1, "no memory for the response buffer");
-  // The loop runs already, but nothing comes in before the first Listen.
+  // Before the thread exists: the loss of a connection may be told as soon as it runs.
   rpc_client_->SignalMessage.connect(this, &RpcClientC::HandleMessage);
   rpc_client_->SignalError.connect(this, &RpcClientC::HandleError);
-  return kOk;
+  return Passed(rpc_client_->Open(host, static_cast<uint16_t>(port)), __LINE__);
 }
 
 std::shared_ptr<MSError> RpcClientC::Listen(const char* cmd, int type, int power,
@@ -101,6 +99,10 @@ std::shared_ptr<MSError> RpcClientC::SendReplay(const RpcHeader* head, const cha
 std::shared_ptr<MSError> RpcClientC::Flush(int timeout_ms) {
   if (rpc_client_ == nullptr) return NotInit();
   return Passed(rpc_client_->Flush(timeout_ms), __LINE__);
+}
+
+bool RpcClientC::IsOwnThread() const {
+  return rpc_client_ != nullptr && rpc_client_->IsOwnThread();
 }
 
 bool RpcClientC::IsConnected() const {
@@ -200,8 +202,14 @@ void* rpc_client_c_open_v2(const char* host, int port, int flags) {
 }
 
 void rpc_client_c_close(void* rpc_cli) {
+  auto* client = static_cast<RpcClientC*>(rpc_cli);
+  if (client == nullptr) return;
+  if (client->IsOwnThread()) {
+    Refuse("close from a handler of the same handle");
+    return;
+  }
   Guarded(0, [&] {
-    delete static_cast<RpcClientC*>(rpc_cli);
+    delete client;
     return 0;
   });
 }

@@ -44,6 +44,7 @@ class BSP_EXPORT RpcClientC : public sigslot::has_slots<sigslot::single_threaded
   std::shared_ptr<MSError> SendReplay(const RpcHeader* head, const char* data, int length);
   std::shared_ptr<MSError> Flush(int timeout_ms);
   bool IsConnected() const;
+  bool IsOwnThread() const;  // in a handler
   void Dump();
 
   // Slots of the client, on its thread.

@@ -3,7 +3,7 @@
 // A connection between a client and the broker carries, both ways, one unbroken row of frames: a
 // head of 104 bytes and a payload of 0 or more bytes behind it, no separator, no padding, all
 // numbers in native byte order. A frame may arrive in any number of pieces. Offsets, an example in
-// bytes and what a reader refuses: docs/rpc.md.
+// bytes and what a reader refuses: docs/formats.md.
 #ifndef BSP_NET_RPC_RPC_HEADER_H_
 #define BSP_NET_RPC_RPC_HEADER_H_
 
@@ -30,10 +30,9 @@ struct RpcHeader {
 
 // Payload of a listen frame, of a check-power frame and of the good reply to the latter.
 struct RpcListenRecord {
-  char cmd[64];  // name of the command, zero-terminated; a reader trusts no terminator
-  int32_t type;  // kind of the command: RPC_TYPE_REQUEST or RPC_TYPE_MESSAGE; -1 in a question
-  int32_t
-      power;  // right level: stored and told by the bus, with no meaning to it; -1 in a question
+  char cmd[64];   // name of the command, zero-terminated; a reader trusts no terminator
+  int32_t type;   // kind of the command: RPC_TYPE_REQUEST or RPC_TYPE_MESSAGE; -1 in a question
+  int32_t power;  // right level: stored and told, with no meaning to the bus; -1 in a question
 };
 
 #define RPC_MAGIC 0xabcd1234u

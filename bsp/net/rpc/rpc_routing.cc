@@ -9,6 +9,7 @@
 #include <signal.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -128,7 +129,7 @@ std::shared_ptr<MSError> RpcServer::ForwardMessage(const std::shared_ptr<RpcAgen
 std::shared_ptr<MSError> RpcServer::ReplayRequest(const std::shared_ptr<RpcAgent>&, char* frame,
                                                   unsigned int size) {
   const auto* head = reinterpret_cast<const RpcHeader*>(frame);
-  BSP_LOG_DEBUG(MOD_BSP, "replay request, seq: %u, cli_hdl: %lld", head->seq,
+  BSP_LOG_DEBUG(MOD_BSP, "replay request, seq: %d, cli_hdl: %lld", static_cast<int>(head->seq),
                 static_cast<long long>(head->cli_hdl));
   const auto requester = static_cast<int>(head->cli_hdl);
   const auto found = clients_.find(requester);

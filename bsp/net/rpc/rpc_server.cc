@@ -118,6 +118,10 @@ std::shared_ptr<MSError> RpcServer::Start(const std::string& host, int port) {
     return BSP_NEW_ERROR(-1, "RPC server is already running");
   }
   loop_ = std::make_shared<EventLoop>();
+  if (!loop_->IsValid()) {
+    BSP_LOG_ERROR(MOD_BSP, "Failed to create event loop");
+    return BSP_NEW_ERROR(-1, "Failed to create event loop");
+  }
   server_ = std::make_shared<TcpServer>(loop_);
   TcpServer::Options listener;
   if (options_.listen_backlog > 0) listener.backlog = options_.listen_backlog;
@@ -202,7 +206,7 @@ void RpcServer::CliHandleMessage(std::shared_ptr<TcpClient> client,
       BSP_LOG_ERROR(MOD_BSP, "Client %d not found", client->GetNativeSocket());
       break;
     }
-  } while (HandleNextFrame(agent, buffer));
+  } while (!agent->is_dropped && HandleNextFrame(agent, buffer));
   CloseDropped();
 }
 
@@ -218,11 +222,17 @@ bool RpcServer::HandleNextFrame(const std::shared_ptr<RpcAgent>& agent,
   RpcHeader head;
   bool is_taken = false;
   const RpcFrameState state = agent->input->Take(buffer, &head, &is_taken);
-  if (state != RpcFrameState::kComplete) {
+  if (state != RpcFrameState::kComplete && state != RpcFrameState::kIncomplete) {
     HandleRest(agent, buffer, state, head);
     return false;
   }
   const auto size = static_cast<size_t>(head.size);
+  const size_t limit = options_.max_frame_bytes;
+  if (limit != 0 && size > limit) {
+    Drop(agent, "frame bytes", limit, size);
+    return false;
+  }
+  if (state == RpcFrameState::kIncomplete) return false;
   if (!is_taken) {
     Drop(agent, "frame bytes, no memory", 0, size);
     return false;
@@ -235,7 +245,7 @@ bool RpcServer::HandleNextFrame(const std::shared_ptr<RpcAgent>& agent,
   return true;
 }
 
-// What is left when no whole frame stands in front: the start of one, or bytes that are none.
+// What is left when no frame stands in front: less than a head, or bytes that are none.
 void RpcServer::HandleRest(const std::shared_ptr<RpcAgent>& agent,
                            const std::shared_ptr<MemoryBuffer>& buffer, RpcFrameState state,
                            const RpcHeader& head) {
@@ -247,10 +257,6 @@ void RpcServer::HandleRest(const std::shared_ptr<RpcAgent>& agent,
     BSP_LOG_ERROR(MOD_BSP, "frame size %d is below %zu, closing client %d, pid %d", head.size,
                   sizeof head, agent->GetNativeSocket(), agent->pid);
     CliClose(agent->client);
-  } else if (state == RpcFrameState::kIncomplete) {
-    const auto size = static_cast<size_t>(head.size);
-    const size_t limit = options_.max_frame_bytes;
-    if (limit != 0 && size > limit) Drop(agent, "frame bytes", limit, size);
   }
 }
 
@@ -263,7 +269,7 @@ void RpcServer::HandleFrame(const std::shared_ptr<RpcAgent>& agent, char* frame,
       return;
     case RPC_TYPE_REPLAY:
       ReplayRequest(agent, frame, static_cast<unsigned int>(size));
-      BSP_LOG_DEBUG(MOD_BSP, "replay request, seq: %u, cli_hdl: %lld", head->seq,
+      BSP_LOG_DEBUG(MOD_BSP, "replay request, seq: %d, cli_hdl: %lld", static_cast<int>(head->seq),
                     static_cast<long long>(head->cli_hdl));
       return;
     case RPC_TYPE_LISTEN: {
@@ -289,7 +295,7 @@ void RpcServer::HandleFrame(const std::shared_ptr<RpcAgent>& agent, char* frame,
 // A command of kind MESSAGE, or none at all, is answered here; a REQUEST command by its listener.
 void RpcServer::HandleRequest(const std::shared_ptr<RpcAgent>& agent, char* frame, size_t size) {
   const auto* head = reinterpret_cast<const RpcHeader*>(frame);
-  BSP_LOG_DEBUG(MOD_BSP, "forward request, seq: %u, cli_hdl: %lld", head->seq,
+  BSP_LOG_DEBUG(MOD_BSP, "forward request, seq: %d, cli_hdl: %lld", static_cast<int>(head->seq),
                 static_cast<long long>(head->cli_hdl));
   int kind = RPC_TYPE_MESSAGE;
   const int code = CodeOf(ForwardMessage(agent, frame, static_cast<unsigned int>(size), kind));
