@@ -3,13 +3,16 @@
 #include <sys/resource.h>
 
 #include <CLI/CLI.hpp>
+#include <cstdint>
 #include <cstdio>
 #include <exception>
 #include <string>
+#include <vector>
 
 #include "apps/common/host.h"
 #include "apps/common/service_manager.h"
 #include "bsp/base/error.h"
+#include "bsp/net/rpc/rpc_header.h"
 #include "bsp/net/rpc/rpc_server.h"
 
 namespace {
@@ -23,7 +26,7 @@ struct Settings {
   int port = 7800;
   bool is_stock = false;
   int log_level = BSP_LEVEL_INFO;
-  // Fit for a device with 64 MB: the worst single peer costs a frame and a backlog. 0: no limit.
+  // Fit for a device with 64 MB: the worst single peer costs a frame and a backlog. 0: none.
   int listen_backlog = 128;
   size_t max_frame_bytes = size_t{4} << 20;
   size_t max_backlog_bytes = size_t{8} << 20;
@@ -32,6 +35,21 @@ struct Settings {
   size_t max_commands = 4096;
 };
 
+// A limit in decimal digits: 0 for none, else `least` or more. The parser itself would take "-1"
+// for the largest number there is.
+CLI::Validator Limit(uint64_t least) {
+  constexpr size_t kMostDigits = 15;
+  const auto refuse = [least](const std::string& text) -> std::string {
+    const bool is_number = !text.empty() && text.size() <= kMostDigits &&
+                           text.find_first_not_of("0123456789") == std::string::npos;
+    const uint64_t value = is_number ? std::stoull(text) : 0;
+    if (is_number && (value == 0 || value >= least)) return std::string();
+    return text + " is not a limit: give 0 for none, or a number from " + std::to_string(least) +
+           " on";
+  };
+  return CLI::Validator(refuse, "");
+}
+
 void AddOptions(CLI::App* app, Settings* settings) {
   app->set_version_flag("--version", "bsp-broker " BSP_VERSION);
   app->add_option("--host", settings->host, "IPv4 address to listen on, or a name for one")
@@ -39,33 +57,37 @@ void AddOptions(CLI::App* app, Settings* settings) {
   app->add_option("--port", settings->port, "TCP port to listen on")
       ->capture_default_str()
       ->check(CLI::Range(1, 65535));
-  app->add_flag("--stock", settings->is_stock,
-                "the library's default behaviour and nothing else: no limits, no reuse of the "
-                "address, no memory given back");
+  CLI::Option* stock = app->add_flag(
+      "--stock", settings->is_stock,
+      "the library's default behaviour and nothing else: no limits, no reuse of the address, the "
+      "last frames of a closing client lost, no memory given back");
   app->add_option("--log-level", settings->log_level, "0 (emerg) to 7 (debug), on standard error")
       ->capture_default_str()
       ->check(CLI::Range(0, 7));
+
+  const auto add_limit = [=](const char* name, size_t& value, uint64_t least, const char* text) {
+    app->add_option(name, value, text)->capture_default_str()->check(Limit(least))->excludes(stock);
+  };
   app->add_option("--listen-backlog", settings->listen_backlog,
                   "connections that the kernel holds until they are accepted")
       ->capture_default_str()
-      ->check(CLI::Range(1, 65535));
-  app->add_option("--max-frame", settings->max_frame_bytes,
-                  "bytes of the largest accepted frame, 0 for any; a larger one costs its sender "
-                  "the connection")
-      ->capture_default_str();
-  app->add_option("--max-backlog", settings->max_backlog_bytes,
-                  "bytes that may wait for one client that does not read, 0 for any; beyond it the "
-                  "client is dropped")
-      ->capture_default_str();
-  app->add_option("--max-unread", settings->max_unread_bytes,
-                  "bytes of garbage held of one client, 0 for any; beyond it the client is dropped")
-      ->capture_default_str();
-  app->add_option("--max-clients", settings->max_clients, "connections at a time, 0 for any")
-      ->capture_default_str();
-  app->add_option("--max-commands", settings->max_commands,
-                  "commands that one client may listen to, 0 for any")
-      ->capture_default_str();
-  app->footer("Whoever can connect may listen and send: keep to a loopback address.");
+      ->check(CLI::Range(1, 65535))
+      ->excludes(stock);
+  // A listen frame must pass, else no client could do anything.
+  add_limit("--max-frame", settings->max_frame_bytes, sizeof(RpcHeader) + sizeof(RpcListenRecord),
+            "bytes of the largest accepted frame; a larger one costs its sender the connection");
+  add_limit("--max-backlog", settings->max_backlog_bytes, 1,
+            "bytes that may wait for one client that does not read; beyond it the client is "
+            "dropped");
+  add_limit("--max-unread", settings->max_unread_bytes, 1,
+            "bytes of garbage held of one client; beyond it the client is dropped");
+  add_limit("--max-clients", settings->max_clients, 1,
+            "connections at a time; one more is closed at once");
+  add_limit("--max-commands", settings->max_commands, 1,
+            "commands that one client may listen to; one more is answered with -1");
+  app->footer(
+      "A limit of 0 means none. Whoever can connect may listen and send: keep to a loopback "
+      "address.");
 }
 
 bsp::RpcServer::Options ServerOptions(const Settings& settings) {
@@ -103,7 +125,7 @@ int Serve(const Settings& settings, FILE* out) {
   if (!settings.is_stock) RaiseDescriptorLimit();
   app::ServiceManager manager;
   bsp::RpcServer::Options options = ServerOptions(settings);
-  options.on_tick = [&manager] { manager.Alive(); };
+  options.on_tick = [&manager] { manager.Alive(); };  // also with --stock: the manager asks for it
   bsp::RpcServer server(options);
   if (server.Start(settings.host, settings.port) != nullptr) {
     fprintf(stderr,
