@@ -1,34 +1,12 @@
 #include "tests/support/rpc_peer.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <cstring>
 #include <utility>
 
 namespace test {
-namespace {
-
-struct sockaddr_in Loopback(int port) {
-  struct sockaddr_in address = {};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
-}
-
-// Else a small frame behind another waits 40 ms for an acknowledgement.
-void SendAtOnce(int fd) {
-  const int on = 1;
-  setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-}
-
-}  // namespace
 
 std::string RpcBytes(RpcFrame frame) {
   frame.head.magic = RPC_MAGIC;
@@ -36,15 +14,32 @@ std::string RpcBytes(RpcFrame frame) {
   return std::string(reinterpret_cast<const char*>(&frame.head), sizeof frame.head) + frame.payload;
 }
 
-std::string RpcBytes(int type, uint32_t seq, const std::string& cmd, const std::string& payload,
-                     int32_t pid) {
+std::string RpcBytes(int type, uint32_t seq, const std::string& cmd, const std::string& payload) {
   RpcFrame frame;
   frame.head.type = type;
   frame.head.seq = seq;
-  frame.head.pid = pid;
-  bsp::SetRpcCmd(frame.head.cmd, cmd.c_str());
   frame.payload = payload;
+  bsp::SetRpcCmd(frame.head.cmd, cmd.c_str());
   return RpcBytes(frame);
+}
+
+std::string RpcListen(const std::string& cmd, int type, int power, int pid) {
+  RpcFrame frame;
+  frame.head.type = RPC_TYPE_LISTEN;
+  frame.head.pid = pid;
+  frame.payload = RpcRecord(cmd, type, power);
+  return RpcBytes(frame);
+}
+
+std::string RpcCheck(const std::string& cmd) {
+  return RpcBytes(RPC_TYPE_CHECK_POWER, 1, cmd, RpcRecord(cmd, -1, -1));
+}
+
+std::string RpcReply(RpcFrame request, int err_code, const std::string& payload) {
+  request.head.type = RPC_TYPE_REPLAY;
+  request.head.err_code = err_code;
+  request.payload = payload;
+  return RpcBytes(request);
 }
 
 std::string RpcRecord(const std::string& cmd, int type, int power) {
@@ -55,73 +50,46 @@ std::string RpcRecord(const std::string& cmd, int type, int power) {
   return std::string(reinterpret_cast<const char*>(&record), sizeof record);
 }
 
-RpcPeer::RpcPeer(int port) {
-  const struct sockaddr_in address = Loopback(port);
-  fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (connect(fd_, reinterpret_cast<const struct sockaddr*>(&address), sizeof address) != 0) {
-    Close();
-  }
-  SendAtOnce(fd_);
+int CodeOf(const std::shared_ptr<MSError>& error) { return error ? error->ErrorCode() : 0; }
+
+RpcPeer::RpcPeer(int port) : RpcPeer(std::make_shared<bsp::Socket>()) {
+  socket_->Create(bsp::Socket::SOCKET_STREAM);
+  socket_->Connect(bsp::SocketAddress("127.0.0.1", port));
+  const int on = 1;  // else a small frame behind another waits 40 ms for an acknowledgement
+  socket_->SetOption(IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }
 
-int RpcPeer::ListenOn(int port) {
-  const struct sockaddr_in address = Loopback(port);
-  const int on = 1;
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  if (bind(fd, reinterpret_cast<const struct sockaddr*>(&address), sizeof address) == 0 &&
-      listen(fd, 64) == 0) {
-    return fd;
-  }
-  close(fd);
-  return -1;
-}
-
-RpcPeer RpcPeer::Accept(int listener) {
-  RpcPeer peer;
-  peer.fd_ = accept(listener, nullptr, nullptr);
-  SendAtOnce(peer.fd_);
-  return peer;
-}
-
-RpcPeer::RpcPeer(RpcPeer&& other) noexcept
-    : fd_(std::exchange(other.fd_, -1)), input_(std::move(other.input_)) {}
-
-RpcPeer::~RpcPeer() { Close(); }
-
-void RpcPeer::Close() {
-  if (fd_ != -1) close(fd_);
-  fd_ = -1;
-}
+RpcPeer::RpcPeer(std::shared_ptr<bsp::Socket> accepted) : socket_(std::move(accepted)) {}
 
 bool RpcPeer::Send(const std::string& bytes) {
   size_t sent = 0;
   while (sent < bytes.size()) {
-    const ssize_t count = send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+    const int count = socket_->Send(&bytes[sent], static_cast<int>(bytes.size() - sent));
     if (count <= 0) return false;
     sent += static_cast<size_t>(count);
   }
   return true;
 }
 
-bool RpcPeer::Fill(int timeout_ms) {
-  struct pollfd ready = {fd_, POLLIN, 0};
-  if (poll(&ready, 1, timeout_ms) <= 0) return false;
+ssize_t RpcPeer::Fill(int timeout_ms) {
+  struct pollfd ready = {socket_->GetNativeSocket(), POLLIN, 0};
+  if (poll(&ready, 1, timeout_ms) <= 0) return -1;
   char bytes[65536];
-  const ssize_t count = recv(fd_, bytes, sizeof bytes, 0);
-  if (count <= 0) return false;
+  const int count = socket_->Recv(bytes, sizeof bytes);
+  if (count <= 0) return 0;
   input_.append(bytes, static_cast<size_t>(count));
-  return true;
+  return count;
 }
 
 bool RpcPeer::Read(RpcFrame* frame, int timeout_ms) {
-  while (input_.size() < sizeof frame->head) {
-    if (!Fill(timeout_ms)) return false;
-  }
-  memcpy(&frame->head, input_.data(), sizeof frame->head);
-  const auto size = static_cast<size_t>(frame->head.size);
-  while (input_.size() < size) {
-    if (!Fill(timeout_ms)) return false;
+  size_t size = sizeof frame->head;
+  while (true) {
+    if (input_.size() >= sizeof frame->head) {
+      memcpy(&frame->head, input_.data(), sizeof frame->head);
+      size = static_cast<size_t>(frame->head.size);
+    }
+    if (input_.size() >= size) break;
+    if (Fill(timeout_ms) <= 0) return false;
   }
   frame->payload = input_.substr(sizeof frame->head, size - sizeof frame->head);
   input_.erase(0, size);
@@ -136,11 +104,11 @@ int RpcPeer::Ask(const std::string& bytes, RpcFrame* answer) {
 }
 
 bool RpcPeer::IsClosedByPeer(int timeout_ms) {
-  while (Fill(timeout_ms)) {
-  }
-  char byte;
-  const ssize_t count = recv(fd_, &byte, 1, MSG_DONTWAIT);
-  return count == 0 || (count == -1 && errno != EAGAIN);
+  ssize_t got = 0;
+  do {
+    got = Fill(timeout_ms);
+  } while (got > 0);
+  return got == 0;
 }
 
 }  // namespace test

@@ -2,8 +2,11 @@
 #ifndef BSP_TESTS_SUPPORT_RPC_PEER_H_
 #define BSP_TESTS_SUPPORT_RPC_PEER_H_
 
+#include <memory>
 #include <string>
 
+#include "bsp/base/error.h"
+#include "bsp/base/socket.h"
 #include "bsp/net/rpc/rpc_header.h"
 
 namespace test {
@@ -13,29 +16,26 @@ struct RpcFrame {
   std::string payload;
 };
 
-// A frame as a client writes it, magic and size set.
-std::string RpcBytes(int type, uint32_t seq, const std::string& cmd, const std::string& payload,
-                     int32_t pid = 4242);
+// Frames as a client writes them, magic and size set.
 std::string RpcBytes(RpcFrame frame);
+std::string RpcBytes(int type, uint32_t seq, const std::string& cmd, const std::string& payload);
+std::string RpcListen(const std::string& cmd, int type, int power, int pid);
+std::string RpcCheck(const std::string& cmd);
+std::string RpcReply(RpcFrame request, int err_code, const std::string& payload);
 
 // A listen or check-power payload.
 std::string RpcRecord(const std::string& cmd, int type, int power);
 
-// Threads: one at a time. Every wait ends after 20 s.
+// 0 for null.
+int CodeOf(const std::shared_ptr<MSError>& error);
+
+// Threads: one at a time. Waits end after 20 s unless told otherwise.
 class RpcPeer {
  public:
-  // Connects to a port of 127.0.0.1; Accept takes the next connection of a listening descriptor.
-  explicit RpcPeer(int port);
-  static RpcPeer Accept(int listener);
-  static int ListenOn(int port);
+  explicit RpcPeer(int port);  // connects to 127.0.0.1
+  explicit RpcPeer(std::shared_ptr<bsp::Socket> accepted);
 
-  RpcPeer(RpcPeer&& other) noexcept;
-  RpcPeer& operator=(RpcPeer&&) = delete;
-  ~RpcPeer();
-
-  bool IsOpen() const { return fd_ != -1; }
-  int fd() const { return fd_; }
-  void Close();
+  void Close() { socket_.reset(); }
 
   // False when the other end has closed.
   bool Send(const std::string& bytes);
@@ -46,14 +46,17 @@ class RpcPeer {
   // Sends and reads one frame. err_code of the answer, or 9999 when none came.
   int Ask(const std::string& bytes, RpcFrame* answer = nullptr);
 
+  // A round trip that any broker serves: this connection is alive and caught up.
+  bool IsServed() { return Ask(RpcCheck("no such command")) == -2; }
+
   // True when the other end closes within the time; what it sends before is dropped.
   bool IsClosedByPeer(int timeout_ms = 20000);
 
  private:
-  RpcPeer() = default;
-  bool Fill(int timeout_ms);
+  // Bytes received; 0 when the other end closed, -1 when nothing came within the time.
+  ssize_t Fill(int timeout_ms);
 
-  int fd_ = -1;
+  std::shared_ptr<bsp::Socket> socket_;
   std::string input_;
 };
 
