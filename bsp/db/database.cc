@@ -271,10 +271,12 @@ int DataBase::Callback(void* data, int count, char** values, char** names) {
   }
   try {
     return self->exec_callback_(count, values, names);
-  } catch (const std::exception& exception) {  // must not unwind SQLite's frames
+  } catch (const std::exception& exception) {  // none may unwind SQLite's frames
     BSP_LOG_ERROR(MOD_BSP, "row callback threw: %s", exception.what());
-    return -1;
+  } catch (...) {
+    BSP_LOG_ERROR(MOD_BSP, "row callback threw");
   }
+  return -1;
 }
 
 std::shared_ptr<MSError> DataBase::ExecBound(const std::string& sql,
@@ -292,6 +294,9 @@ std::shared_ptr<MSError> DataBase::ExecBound(const std::string& sql,
     return DB_REFUSE("Exec: %s has %d parameters, not %zu", sql.c_str(),
                      sqlite3_bind_parameter_count(statement), values.size());
   }
+  // SQLite's own count of one statement keeps that of the last INSERT, UPDATE or DELETE behind all
+  // other statements.
+  const auto before = static_cast<unsigned>(sqlite3_total_changes(db_));
   int result = SQLITE_OK;
   int index = 0;
   for (const DbValue& value : values) {
@@ -303,7 +308,9 @@ std::shared_ptr<MSError> DataBase::ExecBound(const std::string& sql,
     sqlite3_reset(statement);  // repeats the failure just told
     return error;
   }
-  if (changed_rows != nullptr) *changed_rows = sqlite3_changes(db_);
+  if (changed_rows != nullptr) {
+    *changed_rows = static_cast<unsigned>(sqlite3_total_changes(db_)) - before;
+  }
   sqlite3_reset(statement);
   return kOk;
 }
@@ -330,6 +337,7 @@ std::shared_ptr<MSError> DataBase::Prepare(const std::string& sql, sqlite3_stmt*
 }
 
 std::shared_ptr<MSError> DataBase::Transaction() {
+  if (IsInRowCallback()) return DB_REFUSE("Transaction: called by a row callback of this database");
   in_transaction_ = true;
   return Exec("BEGIN TRANSACTION;");
 }

@@ -78,7 +78,7 @@ class BSP_EXPORT DataBase {
 
   // Runs one statement with values for its parameters, as many as it has. It is prepared at its
   // first use and kept by its text, so use few texts. *changed_rows, if wanted, is the number of
-  // rows that it inserted, changed or deleted; 0 on failure.
+  // rows that it inserted, changed or deleted, by triggers too; 0 on failure.
   std::shared_ptr<MSError> ExecBound(const std::string& sql, std::initializer_list<DbValue> values,
                                      int64_t* changed_rows = nullptr);
 
