@@ -42,6 +42,10 @@ bool LogReceiver::Open() {
 
 void LogReceiver::Close() { socket_.Close(); }
 
+// A connected socket takes datagrams of its peer alone, and the peer named here is the socket
+// itself, which sends none.
+bool LogReceiver::Seal() { return socket_.Connect(SocketAddress(kLogHost, kLogPort)); }
+
 // Asks past the system's limit first, which takes a privilege.
 void LogReceiver::EnlargeBuffer() {
   if (buffer_bytes_ == 0) return;

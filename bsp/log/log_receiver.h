@@ -27,6 +27,9 @@ class LogReceiver {
   void Close();
   bool IsOpen() const { return socket_.IsValid(); }
 
+  // Lets no more datagrams in; those that wait can still be read. False when the kernel refuses.
+  bool Seal();
+
   enum class Event { kNothing, kDatagram, kFailure };
 
   // Waits for a datagram, or until `wake_fd` is readable or the time is over.
@@ -43,7 +46,7 @@ class LogReceiver {
   const std::vector<Datagram>& Receive();
 
   // Datagrams that the kernel has dropped since Open, for lack of room in the receive buffer
-  // nearly always; counted modulo 2^32.
+  // nearly always; counted modulo 2^32. Always 0 before Linux 4.12.
   uint32_t CountDrops() const;
 
  private:

@@ -33,7 +33,7 @@ namespace {
 
 constexpr int kTurnMs = 1000;
 constexpr int32_t kMostTextBytes = 1023;
-constexpr int64_t kDrainMs = 1000;
+constexpr int64_t kMostDrainMs = 10000;
 
 // While it exists, a late module does not stop the feeding of the device watchdog.
 constexpr const char kWdgCloseFile[] = "/mnt/nand/watchdog_close.conf";
@@ -134,7 +134,9 @@ void SystemLogServer::InitLogCfg() { ReadLogSrvCfg(kLogSrvCfgFile, &cfg_, &error
 
 // ---- The loop
 
-// Notes the thread of the loop while it runs, however it ends.
+// Notes the thread of the loop while it runs, however it ends. One that ends before Stop has
+// failed, perhaps by an exception: nobody watches the modules any more, and the device is left to
+// see to it.
 class SystemLogServer::LoopMark {
  public:
   explicit LoopMark(SystemLogServer* server) : server_(server) {
@@ -146,6 +148,7 @@ class SystemLogServer::LoopMark {
   LoopMark& operator=(const LoopMark&) = delete;
   ~LoopMark() {
     if (!is_only_) return;
+    if (server_->running_) server_->wdg_->AbandonDeviceWatchDog();
     // Told under the lock: behind it the server may be gone.
     std::lock_guard<std::mutex> lock(server_->loop_mutex_);
     server_->loop_thread_ = std::thread::id();
@@ -242,10 +245,13 @@ bool SystemLogServer::HandleDatagram(const LogReceiver::Datagram& datagram) {
   return true;
 }
 
-// Stores what reached the socket before the end of the loop. Bounded, since senders may go on.
+// Stores what reached the socket before the end of the loop, however long the disk takes for it. A
+// socket that the kernel does not seal has no end while senders go on, so there the time is
+// bounded.
 void SystemLogServer::Drain() {
-  const int64_t end_ms = TimeUtil::ClockMillis() + kDrainMs;
-  while (receiver_.IsOpen() && TimeUtil::ClockMillis() < end_ms &&
+  const int64_t end_ms = TimeUtil::ClockMillis() + kMostDrainMs;
+  const bool is_sealed = receiver_.IsOpen() && receiver_.Seal();
+  while (receiver_.IsOpen() && (is_sealed || TimeUtil::ClockMillis() < end_ms) &&
          receiver_.Wait(-1, 0) == LogReceiver::Event::kDatagram) {
     ReceiveTurn();
   }

@@ -25,8 +25,8 @@ constexpr const char kLogSrvCfgFile[] = "./com_srv_app.ini";
 
 // What goes beyond the stock behaviour; all off by default.
 struct LogSrvOptions {
-  // An orderly stop first stores what has reached the socket before it, for a second at most, and
-  // commits the open batch: it loses no row.
+  // Stop lets no more datagrams in, stores those that have reached the socket and commits the open
+  // batch: it loses no row.
   bool flush_at_stop = false;
 
   // Start takes the port, before it touches the block or the database, and fails when it is taken:
@@ -49,7 +49,8 @@ struct LogSrvOptions {
   bool loopback_only = false;
 
   // Device to keep alive with each feed, such as "/dev/watchdog"; empty: none. Armed when the loop
-  // is about to receive, disarmed by Stop.
+  // is about to receive, disarmed by Stop. A loop that fails leaves it armed, so that the machine
+  // is reset unless the log server comes up again in time.
   std::string watchdog_device;
 
   DataBaseOptions database;

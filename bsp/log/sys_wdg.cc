@@ -141,7 +141,11 @@ void SysWdg::DeInitDeviceWatchDog() {
   if (write(dev_fd_, "V", 1) != 1) {
     BSP_LOG_ERROR(MOD_BSP, "%s cannot be disarmed, errno %d", device_path_.c_str(), errno);
   }
-  close(dev_fd_);
+  AbandonDeviceWatchDog();
+}
+
+void SysWdg::AbandonDeviceWatchDog() {
+  if (dev_fd_ != -1) close(dev_fd_);
   dev_fd_ = -1;
 }
 
@@ -161,9 +165,9 @@ bool SysWdg::CheckDeviceWatchDog(std::string* why) const {
 }
 
 bool SysWdg::ArmDeviceWatchDog(std::string* why) {
-  if (device_path_.empty()) return true;
+  if (device_path_.empty() || dev_fd_ != -1) return true;
   const char* path = device_path_.c_str();
-  dev_fd_ = open(path, O_WRONLY | O_CLOEXEC);
+  dev_fd_ = open(path, O_WRONLY | O_CLOEXEC | O_NOCTTY);
   if (dev_fd_ == -1) {
     *why = StringHelper::Format("watchdog device %s cannot be opened: %s", path, strerror(errno));
     return false;
@@ -171,8 +175,7 @@ bool SysWdg::ArmDeviceWatchDog(std::string* why) {
   struct watchdog_info info = {};
   if (ioctl(dev_fd_, WDIOC_GETSUPPORT, &info) != 0) {
     *why = StringHelper::Format("%s is no watchdog device: %s", path, strerror(errno));
-    close(dev_fd_);  // without a byte: it may be anything
-    dev_fd_ = -1;
+    AbandonDeviceWatchDog();  // without a byte: it may be anything
     return false;
   }
   int timeout = 0;

@@ -55,13 +55,16 @@ class BSP_EXPORT SysWdg {
   void FeedDeviceWatchDog();
   // Disarms the device by the magic close and closes it; a driver built never to stop goes on.
   void DeInitDeviceWatchDog();
+  // Closes the device and leaves it armed: it resets the machine unless it is opened again in time.
+  void AbandonDeviceWatchDog();
 
   // Whether the path can be a watchdog device that we may write to; *why when not. Does not open
   // it. True without a path.
   bool CheckDeviceWatchDog(std::string* why) const;
 
   // Opens and so arms the device. False, with *why and the device disarmed again, when it cannot be
-  // opened, is no watchdog, or has a time-out below three passes. True without a path.
+  // opened, is no watchdog, or has a time-out below three passes. True without a path, and when it
+  // is armed already.
   bool ArmDeviceWatchDog(std::string* why);
 
  private:
