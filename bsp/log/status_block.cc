@@ -151,7 +151,9 @@ void ResetTagSlots(ModSta* mod) {
 void SetTagName(LogModSta* slot, const std::string& tag) {
   char name[kNameSize] = {};
   memcpy(name, tag.c_str(), std::min(strlen(tag.c_str()), kMostNameChars));
-  for (size_t i = kNameSize; i-- > 0;) StoreWord(slot->log_name[i], name[i]);
+  for (size_t i = kNameSize; --i > 0;) StoreWord(slot->log_name[i], name[i]);
+  // Last, pairs with the acquire in CopyName: who sees the slot taken sees its whole name.
+  __atomic_store_n(&slot->log_name[0], name[0], __ATOMIC_RELEASE);
 }
 
 void SetModuleLevel(ModSta* mod, int32_t level) {

@@ -36,9 +36,12 @@ constexpr int32_t kMaxPageRows = 100;
 constexpr size_t kMaxTextRead = 1023;
 
 // The trim band is a tenth on both sides, the part of a row going to the band below and to the
-// table above: what truncating n - n * 0.1 and n + n * 0.1 gives, without their rounding.
-int64_t LowMark(int64_t max_count) { return max_count - (max_count + 9) / 10; }
-int64_t HighMark(int64_t max_count) { return max_count + max_count / 10; }
+// table above: what truncating n - n * 0.1 and n + n * 0.1 gives, without their rounding. A size
+// below 0 leaves one row, as 0 does.
+int64_t LowMark(int64_t max_count) {
+  return std::max<int64_t>(max_count - (max_count + 9) / 10, 0);
+}
+int64_t HighMark(int64_t max_count) { return std::max<int64_t>(max_count + max_count / 10, 0); }
 
 // Deletes all but the newest ?2 rows and one; ?1 is the number of rows. Ids have no gaps unless
 // somebody else has deleted rows, and then the first id to keep is a subtraction. The walk down the
