@@ -14,6 +14,7 @@
 
 #include "bsp/log/log.h"
 #include "bsp/util/file_util.h"
+#include "tests/support/rows.h"
 #include "tests/support/test_env.h"
 
 namespace {
@@ -27,22 +28,13 @@ constexpr DataBaseOptions kAllOptions = {true, true};
 // Failures are expected here, and each is told in a line.
 const bool g_is_silent = (g_log_level = BSP_LEVEL_EMERG, true);
 
-std::string TextOf(const std::shared_ptr<MSError>& error) {
-  return error ? error->Message() : std::string();
-}
-
 #define EXPECT_OK(call) EXPECT_EQ(TextOf(call), "")
 #define ASSERT_OK(call) ASSERT_EQ(TextOf(call), "")
 #define EXPECT_FAILS(call, part) EXPECT_NE(TextOf(call).find(part), std::string::npos)
 
-std::string One(DataBase& db, const std::string& sql) {
-  std::string text = "no row";
-  EXPECT_OK(db.Query(sql, [&](int, char** values, char**) {
-    text = values[0] != nullptr ? values[0] : "NULL";
-    return 0;
-  }));
-  return text;
-}
+std::string TextOf(const std::shared_ptr<MSError>& error) { return error ? error->Message() : ""; }
+
+std::string One(DataBase& db, const std::string& sql) { return test::Query(db, sql).at(0); }
 
 // A file with one table "t" of `rows` rows.
 std::string MakeDatabase(const std::string& path, int rows, const DataBaseOptions& options = {}) {
@@ -68,29 +60,20 @@ const std::function<void(const std::string&)> kDamages[] = {
     [](const std::string& path) { Overwrite(path, 16, "\xff\xff"); },  // size of a page
 };
 
-long OpenFiles() {
-  const std::filesystem::directory_iterator files("/proc/self/fd");
-  return std::distance(begin(files), end(files));
-}
-
 // Each setting really holds, and a file may change hands between the journals without loss.
 TEST(DataBase, SettingsHoldAndContentStays) {
   const std::string path = MakeDatabase(test::MakeTempDir() + "/d", 300);
   for (const bool journal : {false, true, true, false}) {
-    DataBaseOptions options;
-    options.journal = journal;
-    DataBase db(options);
+    DataBase db(DataBaseOptions{journal, false});
     ASSERT_OK(db.Init(path));
     EXPECT_EQ(One(db, "SELECT count(*) FROM t"), "300");
-    EXPECT_EQ(One(db, "PRAGMA journal_mode"), journal ? "wal" : "memory");
-    const char* const settings[][2] = {
-        {"synchronous", "2"},  {"temp_store", "2"},           {"cache_size", "200"},
-        {"page_size", "4096"}, {"auto_vacuum", "0"},          {"soft_heap_limit", "1048576"},
-        {"mmap_size", "0"},    {"locking_mode", "exclusive"},
-    };
-    for (const auto& setting : settings) {
-      EXPECT_EQ(One(db, std::string("PRAGMA ") + setting[0]), setting[1]) << setting[0];
+    std::string settings;
+    for (const char* name : {"journal_mode", "synchronous", "mmap_size", "temp_store", "cache_size",
+                             "soft_heap_limit", "page_size", "locking_mode", "auto_vacuum"}) {
+      settings += One(db, std::string("PRAGMA ") + name) + " ";
     }
+    EXPECT_EQ(settings,
+              std::string(journal ? "wal" : "memory") + " 2 0 2 200 1048576 4096 exclusive 0 ");
     EXPECT_FALSE(FileUtil::IsFileExist(path + "-shm"));
   }
   EXPECT_FALSE(FileUtil::IsFileExist(path + "-wal"));  // an orderly close leaves one file
@@ -124,47 +107,49 @@ TEST(DataBase, DamagedFileIsReplaced) {
   }
 }
 
-// What cannot be replaced is a failure that leaves nothing open, and a closed object refuses all.
-TEST(DataBase, FailedInitClosesAll) {
+// What cannot be used is a failure that leaves nothing open and names the remedy, and with
+// keep_damaged it never costs a sound file. A closed object refuses all.
+TEST(DataBase, UnusableFiles) {
+  NEED_PRIVATE_WORLD();
   const std::string dir = test::MakeTempDir();
-  MakeDatabase(dir + "/d", 1);
-  DataBase db;
-  const long open_files = OpenFiles();
-  EXPECT_FAILS(db.Init(dir + "/none/d"), "Failed to remove corrupted database: " + dir);
-  EXPECT_FAILS(db.Init(dir), "errno=39");  // a folder that is not empty
-  EXPECT_EQ(OpenFiles(), open_files);
+  const std::string path = MakeDatabase(dir + "/d", 10);
+  const auto open_files = [] {
+    const std::filesystem::directory_iterator files("/proc/self/fd");
+    return std::distance(begin(files), end(files));
+  };
+  const auto before = open_files();
+  DataBase stock;
+  DataBase db(kAllOptions);
+  EXPECT_FAILS(stock.Init(dir + "/none/d"), "Failed to remove corrupted database: " + dir);
+  EXPECT_FAILS(stock.Init(dir), "errno=39");  // a folder that is not empty
+  EXPECT_FAILS(db.Init(dir), "cannot use database " + dir);
+  EXPECT_FAILS(db.Init(dir + "/none/d"), "is its folder there?");
+  EXPECT_EQ(open_files(), before);
   EXPECT_FAILS(db.Exec("SELECT 1"), "Exec: db_ is nullptr");
   EXPECT_FAILS(db.Query("SELECT 1", nullptr), "Query: database not initialized");
   EXPECT_FAILS(db.ExecBound("SELECT 1", {}), "Exec: db_ is nullptr");
   EXPECT_FAILS(db.Backup(dir + "/b"), "db_ is nullptr");
   EXPECT_FALSE(db.IsInTransaction());
-}
 
-// With keep_damaged a sound file that cannot be used costs a clear failure and not the file.
-TEST(DataBase, SoundFileIsNeverReplaced) {
-  NEED_PRIVATE_WORLD();
-  const std::string dir = test::MakeTempDir();
-  const std::string path = MakeDatabase(dir + "/d", 10);
-  DataBase db(kAllOptions);
-  DataBase holder;
-  ASSERT_OK(holder.Init(path));
-  ASSERT_OK(holder.Exec("DELETE FROM t WHERE a = 0"));  // takes the lock for good
+  ASSERT_OK(stock.Init(path));
+  ASSERT_OK(stock.Exec("DELETE FROM t WHERE a = 0"));  // takes the lock for good
   EXPECT_FAILS(db.Init(path), "does another process hold it?");
-  EXPECT_OK(holder.Close());
+  EXPECT_OK(stock.Init(path));  // closes first
+  EXPECT_OK(stock.Close());
+  EXPECT_EQ(open_files(), before);
   ASSERT_EQ(mount(dir.c_str(), dir.c_str(), nullptr, MS_BIND, nullptr), 0);
   ASSERT_EQ(mount(nullptr, dir.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0);
   EXPECT_FAILS(db.Init(path), "may this process write it?");
   ASSERT_EQ(umount(dir.c_str()), 0);
-  EXPECT_FAILS(db.Init(dir), "cannot use database " + dir);
-  EXPECT_FAILS(db.Init(dir + "/none/d"), "is its folder there?");
-  ASSERT_OK(db.Init(path));
-  EXPECT_EQ(One(db, "SELECT count(*) FROM t"), "9");
+  EXPECT_EQ(test::QueryFile(path, "SELECT count(*) FROM t", kAllOptions), test::Rows{"9"});
 }
 
-// A failed statement names itself and the reason, and leaves connection and transaction usable.
+// A failed statement or callback names itself and the reason and leaves connection and transaction
+// usable; a row callback that calls back is told so, at once, by every operation.
 TEST(DataBase, FailuresLeaveTheConnectionUsable) {
+  const std::string path = MakeDatabase(test::MakeTempDir() + "/d", 3);
   DataBase db;
-  ASSERT_OK(db.Init(MakeDatabase(test::MakeTempDir() + "/d", 3)));
+  ASSERT_OK(db.Init(path));
   EXPECT_OK(db.Commit());  // nothing begun, nothing sent
   EXPECT_OK(db.Rollback());
   EXPECT_OK(db.Transaction());
@@ -180,26 +165,13 @@ TEST(DataBase, FailuresLeaveTheConnectionUsable) {
   int calls = 0;
   const auto end_it = [&](int, char**, char**) { return ++calls; };
   const auto fail = [](int, char**, char**) -> int { throw std::runtime_error("x"); };
-  EXPECT_FAILS(db.Query("SELECT * FROM t", end_it), "rc = 4,");
-  EXPECT_FAILS(db.Query("SELECT * FROM t", fail), "rc = 4,");
+  const auto fail_oddly = [](int, char**, char**) -> int { throw 1; };
+  for (const DataBase::RowCallback& callback :
+       {DataBase::RowCallback(end_it), {fail}, {fail_oddly}})
+    EXPECT_FAILS(db.Query("SELECT * FROM t", callback), "rc = 4,");
   EXPECT_OK(db.Query("SELECT * FROM t WHERE a > 5", end_it));
   EXPECT_EQ(calls, 1);
 
-  EXPECT_OK(db.Transaction());  // and ends with its connection
-  const std::string other = MakeDatabase(test::MakeTempDir() + "/d", 5);
-  const long open_files = OpenFiles();
-  EXPECT_OK(db.Init(other));
-  EXPECT_EQ(OpenFiles(), open_files);
-  EXPECT_OK(db.Commit());
-  EXPECT_EQ(One(db, "SELECT count(*) FROM t"), "5");
-}
-
-// A row callback that calls back is told so, at once, by every operation; then all goes on.
-TEST(DataBase, RowCallbackMustNotCallBack) {
-  const std::string path = MakeDatabase(test::MakeTempDir() + "/d", 1);
-  DataBase db;
-  ASSERT_OK(db.Init(path));
-  ASSERT_OK(db.Transaction());
   EXPECT_OK(db.Query("SELECT 1", [&](int, char**, char**) {
     for (const auto& error :
          {db.Exec("SELECT 1"), db.ExecBound("SELECT 1", {}), db.Query("SELECT 1", nullptr),
@@ -207,11 +179,14 @@ TEST(DataBase, RowCallbackMustNotCallBack) {
       EXPECT_FAILS(error, "called by a row callback of this database");
     }
     EXPECT_OK(db.Close());  // always succeeds, here by doing nothing
-    EXPECT_TRUE(db.IsInTransaction());
+    EXPECT_FALSE(db.IsInTransaction());
     return 0;
   }));
+  EXPECT_OK(db.Commit());       // the refused calls have begun nothing
+  EXPECT_OK(db.Transaction());  // and ends with its connection
+  EXPECT_OK(db.Init(path));
   EXPECT_OK(db.Commit());
-  EXPECT_EQ(One(db, "SELECT count(*) FROM t"), "1");
+  EXPECT_EQ(One(db, "SELECT count(*) FROM t"), "3");
 }
 
 // Any bytes and any number go in as they are, the count of changed rows is exact, what is not one
@@ -229,12 +204,14 @@ TEST(DataBase, BoundValues) {
   EXPECT_OK(db.ExecBound(insert, {INT64_MAX, {"", 0}}));
   EXPECT_OK(db.ExecBound("UPDATE t SET a = a WHERE a <> ?", {0}, &changed));
   EXPECT_EQ(changed, 2);
-  const std::string head = "SELECT typeof(b) || length(CAST(b AS BLOB)) || hex(b) FROM t ";
-  EXPECT_EQ(One(db, head + "WHERE a < 0").substr(0, 15), "text256FFFEFDFC");
-  EXPECT_EQ(One(db, head + "WHERE a > 0"), "text0");
+  EXPECT_OK(db.ExecBound("SELECT * FROM t", {}, &changed));
+  EXPECT_EQ(changed, 0);
+  EXPECT_EQ(test::Query(db,
+                        "SELECT typeof(b) || length(CAST(b AS BLOB)) || substr(hex(b), 1, 8) "
+                        "FROM t ORDER BY a"),
+            (test::Rows{"text256FFFEFDFC", "text0"}));
 
   EXPECT_FAILS(db.ExecBound("DELETE FROM t WHERE a = ?", {}, &changed), "1 parameters, not 0");
-  EXPECT_EQ(changed, 0);
   EXPECT_FAILS(db.ExecBound("DELETE FROM t; DELETE FROM t", {}), "is not one statement");
   EXPECT_FAILS(db.ExecBound(" -- nothing", {}), "is not one statement");
   EXPECT_OK(db.Exec("CREATE UNIQUE INDEX u ON t (a)"));
@@ -281,7 +258,7 @@ TEST(DataBase, Backup) {
     EXPECT_OK(db.Exec("DELETE FROM t"));
     DataBase copy(options);
     ASSERT_OK(copy.Init(dir + "/b"));
-    EXPECT_EQ(One(copy, "SELECT count(*) || sum(a) FROM t"), "20001999000");
+    EXPECT_EQ(One(copy, "SELECT count(*), sum(a) FROM t"), "2000 1999000");
     EXPECT_FAILS(db.Backup(dir), "Failed to open backup db");
     ASSERT_EQ(mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=64k"), 0);
     EXPECT_FAILS(copy.Backup(dir + "/full"), "Backup failed");
