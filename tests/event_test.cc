@@ -29,47 +29,26 @@ using bsp::TimeUtil;
 
 constexpr int kPatienceMs = 20000;
 
-// The first use of the pool, so this runs before anything else touches it: threads that race on it
-// get one pool, and a static destructor that runs behind all others still finds it alive.
-TEST(SemaphorePool, IsBuiltOnceAndOutlivesStatics) {
-  for (int round = 0; round < 20; ++round) {
-    test::Child child = test::Child::Fork([] {
-      static std::weak_ptr<SemaphorePool> seen;
-      atexit([] {
-        if (seen.expired() || !SemaphorePool::Instance()->Get()) _exit(3);
-      });
-      std::atomic<int> ready{0};
-      SemaphorePool* pools[4] = {};
-      std::vector<std::thread> threads;
-      for (SemaphorePool*& pool : pools) {
-        threads.emplace_back([&] {
-          ++ready;
-          while (ready < 4) std::this_thread::yield();
-          pool = SemaphorePool::Instance().get();
-        });
-      }
-      for (std::thread& thread : threads) thread.join();
-      for (SemaphorePool* pool : pools) {
-        if (pool == nullptr || pool != pools[0]) return 2;
-      }
-      seen = SemaphorePool::Instance();
-      exit(0);
+// Threads that race on the pool's first use get one pool, which the last exit handler still finds
+// alive. What is out on loan is never handed out again; the one that lay longest goes first.
+TEST(SemaphorePool, IsOneAndLendsInOrder) {
+  EXPECT_TRUE(test::RaceOnFirstUse([] { return SemaphorePool::Instance().get(); }));
+  test::Child child = test::Child::Fork([]() -> int {
+    static std::weak_ptr<SemaphorePool> seen;
+    atexit([] {
+      if (seen.expired() || !SemaphorePool::Instance()->Get()) _exit(3);
     });
-    ASSERT_EQ(child.Wait(), 0) << child.output();
-  }
-}
+    seen = SemaphorePool::Instance();
+    exit(0);
+  });
+  EXPECT_EQ(child.Wait(), 0);
 
-// First in, first out; null is no semaphore; what is out on loan is never handed out again.
-TEST(SemaphorePool, LendsTheOneThatLayLongest) {
   const auto pool = SemaphorePool::Instance();
   const auto a = pool->Get();
   const auto b = pool->Get();
-  ASSERT_TRUE(a && b);
-  EXPECT_NE(a, b);
+  ASSERT_TRUE(a && b && a != b);
   EXPECT_FALSE(a->Wait(0));
-  pool->Put(nullptr);
-  pool->Put(a);
-  pool->Put(b);
+  for (const auto& sem : {std::shared_ptr<Semaphore>(), a, b}) pool->Put(sem);
   EXPECT_EQ(pool->Get(), a);
   EXPECT_EQ(pool->Get(), b);
   EXPECT_NE(pool->Get(), a);
@@ -77,35 +56,14 @@ TEST(SemaphorePool, LendsTheOneThatLayLongest) {
 
 // Counts add up, an empty one never blocks without a time, and the time is kept.
 TEST(Semaphore, CountsAndTimesOut) {
-  Semaphore two(2);
-  EXPECT_TRUE(two.Wait(0));
-  EXPECT_TRUE(two.Wait(-1));
-  EXPECT_FALSE(two.Wait(0));
-  EXPECT_FALSE(two.Wait(std::numeric_limits<int>::min()));
-  for (int i = 0; i < 3; ++i) two.Signal();
-  for (int i = 0; i < 3; ++i) EXPECT_TRUE(two.Wait(0));
+  Semaphore sem(2);
+  EXPECT_TRUE(sem.Wait(0) && sem.Wait(-1));
+  EXPECT_FALSE(sem.Wait(0) || sem.Wait(std::numeric_limits<int>::min()));
+  for (int i = 0; i < 3; ++i) sem.Signal();
+  for (int i = 0; i < 3; ++i) EXPECT_TRUE(sem.Wait(0));
   const int64_t begin = TimeUtil::ClockMillis();
-  EXPECT_FALSE(two.Wait(30));
+  EXPECT_FALSE(sem.Wait(30));
   EXPECT_GE(TimeUtil::ClockMillis() - begin, 28);  // the raw clock may run a little slower
-}
-
-// Every count is taken exactly once, however signals and waits of many threads meet.
-TEST(Semaphore, LosesNoCount) {
-  constexpr int kEach = 5000;
-  Semaphore sem;
-  std::atomic<int> taken{0};
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 3; ++i) {
-    threads.emplace_back([&] {
-      for (int k = 0; k < kEach; ++k) taken += sem.Wait(kPatienceMs) ? 1 : 0;
-    });
-    threads.emplace_back([&] {
-      for (int k = 0; k < kEach; ++k) sem.Signal();
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(taken, 3 * kEach);
-  EXPECT_FALSE(sem.Wait(0));
 }
 
 // Posts and cancels in any order and to any extent leave what a plain sorted model leaves, and run
@@ -117,9 +75,15 @@ TEST(EventService, RunsWhatAModelRuns) {
   size_t total = 0;
   for (int round = 0; round < 30; ++round) {
     EventService service;
-    // (0: immediate, 1: timed), time, order of posting -> id
-    std::map<std::pair<int64_t, size_t>, int> model;
+    std::map<std::pair<int64_t, size_t>, int> model;  // due time, order of posting -> id
     std::vector<size_t> ran;
+    const auto run_first = [&] {
+      ran.clear();
+      service.Dispatch(false);
+      ASSERT_EQ(ran, std::vector<size_t>{model.begin()->first.second});
+      model.erase(model.begin());
+      ++total;
+    };
     const int ids = round % 2 == 0 ? 5 : 2000;
     const auto random_id = [&] { return static_cast<int>(random() % ids) - 1; };
     for (size_t serial = 0; serial < 1500; ++serial) {
@@ -137,35 +101,23 @@ TEST(EventService, RunsWhatAModelRuns) {
                                        : -static_cast<long>(random() % 3) * 1000 - 500;
         service.PostDelay(id, delay, func);
         model[{is_shortest ? 1 : TimeUtil::ClockMillis() + delay, serial}] = id;
-      } else if (what == 18 && random() % 30 != 0) {
-        const int cleared = random_id();
-        service.Clear(cleared == 0 ? -7 : cleared);
-        for (auto it = model.begin(); it != model.end();) {
-          it = cleared > 0 && it->second == cleared ? model.erase(it) : std::next(it);
-        }
       } else if (what == 18) {
-        service.Clear(0);
-        model.clear();
+        const int cleared = random() % 30 == 0 ? 0 : random_id();
+        service.Clear(cleared);
+        for (auto it = model.begin(); it != model.end();) {
+          const bool is_gone = cleared == 0 || (cleared > 0 && it->second == cleared);
+          it = is_gone ? model.erase(it) : std::next(it);
+        }
       } else if (!model.empty()) {
-        service.Dispatch(false);
-        ASSERT_EQ(ran.back(), model.begin()->first.second);
-        model.erase(model.begin());
-        ++total;
-        ran.clear();
+        ASSERT_NO_FATAL_FAILURE(run_first());
       }
     }
-    ran.clear();
-    const size_t left = model.size();
-    for (size_t i = 0; i < left; ++i) service.Dispatch(false);
-    std::vector<size_t> expected;
-    for (const auto& entry : model) expected.push_back(entry.first.second);
-    ASSERT_EQ(ran, expected);
-    total += left;
+    while (!model.empty()) ASSERT_NO_FATAL_FAILURE(run_first());
   }
   EXPECT_GT(total, 3000u);
 }
 
-// Notes when it goes, and what its going does.
+// Tells when it goes.
 struct Userdata : bsp::MessageUserdata {
   explicit Userdata(std::function<void()> at_end) : at_end_(std::move(at_end)) {}
   ~Userdata() override { at_end_(); }
@@ -174,17 +126,17 @@ struct Userdata : bsp::MessageUserdata {
 
 struct Recorder : bsp::MessageHandler {
   void OnMessage(Message* message) override {
-    ids.push_back(message->id);
-    had_userdata = message->userdata != nullptr && !message->func;
+    if (message->userdata && !message->func) ids.push_back(message->id);
   }
   std::vector<int> ids;
-  bool had_userdata = false;
 };
 
 // Both forms reach their receiver with what was posted, no message runs before the clock has passed
-// its time, and a user's data goes with its message, run or cleared.
+// its time, and a user's data goes with its message, run or cleared. The thread has the name; where
+// the system refuses the priority one line says so and messages run all the same.
 TEST(EventService, DeliversInDueTime) {
-  const auto service = EventService::Create("a name longer than 15", 50);
+  constexpr int kNoSuchPriority = 1000;
+  const auto service = EventService::Create("a name longer than 15", kNoSuchPriority);
   Recorder recorder;
   Semaphore done;
   std::string order;
@@ -205,19 +157,22 @@ TEST(EventService, DeliversInDueTime) {
   service->Post(&recorder, 5, std::make_shared<Userdata>([&] { ++gone; }));
   service->Clear(5);
   EXPECT_EQ(gone, 1);
-  service->PostDelay(1, 120, [&](Message*) { done.Signal(); });
-  ASSERT_EQ(service->Start(), nullptr);
-  EXPECT_NE(service->Start(), nullptr);  // refused, the first one goes on
-  service->Post(1, [](Message*) {
+  service->PostDelay(1, 120, [&](Message*) {
     char name[32] = "";
     pthread_getname_np(pthread_self(), name, sizeof name);
     EXPECT_STREQ(name, "a name longer t");
+    done.Signal();
   });
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(service->Start(), nullptr);
+  const std::string log = testing::internal::GetCapturedStdout();
+  EXPECT_NE(log.find("set thread priority failed: a name longer t, error: Invalid"),
+            std::string::npos);
+  EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1) << log;
   ASSERT_TRUE(done.Wait(kPatienceMs));
   service->Stop();
   EXPECT_EQ(order, "abcde");
   EXPECT_EQ(recorder.ids, std::vector<int>{4});
-  EXPECT_TRUE(recorder.had_userdata);
   EXPECT_EQ(gone, 2);
 }
 
@@ -244,7 +199,7 @@ TEST(EventService, WakeUpsAreNeverLost) {
   }
   is_over = true;
   clearer.join();
-  EXPECT_LT(late, kRounds / 20);  // one in five or more, were they lost; a busy machine has some
+  EXPECT_LT(late, kRounds / 20);  // one in ten or more, were they lost; a busy machine has some
 }
 
 // Every post of every thread runs exactly once and in its thread's order, while others clear ids
@@ -266,10 +221,9 @@ TEST(EventService, LosesNothingUnderLoad) {
           next[poster] = k + 1;
           if (++run == kPosters * kEach) done.Signal();
         });
-        if (k % 64 == 0) {
-          service->PostDelay(100 + poster, 3600000, [](Message*) {});
-          service->Clear(100 + poster);
-        }
+        if (k % 64 != 0) continue;
+        service->PostDelay(100 + poster, 3600000, [](Message*) {});
+        service->Clear(100 + poster);
       }
     });
   }
@@ -279,21 +233,19 @@ TEST(EventService, LosesNothingUnderLoad) {
     service->Stop();
   }
   service->Start();
-  ASSERT_TRUE(done.Wait(kPatienceMs));
+  EXPECT_TRUE(done.Wait(kPatienceMs));
   for (std::thread& thread : threads) thread.join();
   service->Stop();
   EXPECT_TRUE(is_ordered);
-  EXPECT_EQ(run, kPosters * kEach);
 }
 
-// No order of Start and Stop hangs or loses a message; a Stop waits for the handler that runs.
+// No order of Start and Stop hangs or loses a message; a Stop waits for the handler that runs and
+// leaves the messages behind it queued.
 TEST(EventService, StopIsNeverLost) {
   EventService service;
+  Semaphore entered;
+  Semaphore done;
   service.Stop();
-  std::atomic<int> run{0};
-  service.Post(1, [&](Message*) { ++run; });
-  service.Stop();
-  EXPECT_EQ(run, 0);
   const int64_t begin = TimeUtil::ClockMillis();
   for (int i = 0; i < 200; ++i) {
     service.Start();
@@ -302,27 +254,24 @@ TEST(EventService, StopIsNeverLost) {
   service.Stop();
   EXPECT_LT(TimeUtil::ClockMillis() - begin, 10000);  // 100 ms each, were sleeps not ended
 
-  Semaphore entered;
   std::atomic<bool> has_ended{false};
   service.Post(1, [&](Message*) {
     entered.Signal();
     TimeUtil::SleepMs(30);
     has_ended = true;
   });
-  service.Post(1, [&](Message*) { ++run; });
   service.Start();
+  EXPECT_NE(service.Start(), nullptr);  // refused, the first one goes on
   ASSERT_TRUE(entered.Wait(kPatienceMs));
   std::thread other([&] { service.Stop(); });
   service.Stop();
   EXPECT_TRUE(has_ended);
   other.join();
-  const int before = run;
-  EXPECT_LE(before, 1);  // the message behind stays queued
-  Semaphore done;
   service.Post(1, [&](Message*) { done.Signal(); });
+  service.Stop();
+  EXPECT_FALSE(done.Wait(0));
   service.Start();
-  ASSERT_TRUE(done.Wait(kPatienceMs));
-  EXPECT_EQ(run, 2);
+  EXPECT_TRUE(done.Wait(kPatienceMs));
 }
 
 // A handler does to its own service what any thread may: post, clear, stop, start again.
@@ -351,40 +300,39 @@ TEST(EventService, HandlerMayUseItsOwnService) {
   EXPECT_EQ(order, "ab");
 }
 
-// What a cleared message holds may use the service while it goes; dropping the last reference on
-// the service's own thread, from a handler or with its data, ends the thread and nothing else.
-TEST(EventService, LastReferenceMayGoAnywhere) {
-  const auto cleared = EventService::Create("cleared", 50);
-  bool has_run = false;
-  cleared->Post(nullptr, 3, std::make_shared<Userdata>([&] {
-                  cleared->Post(4, [&](Message*) { has_run = true; });
-                }));
-  cleared->Clear(3);
-  cleared->Dispatch(false);
-  EXPECT_TRUE(has_run);
+// What a message holds may use the service as it goes, cleared or at the service's own end; and the
+// last reference may go on the service's own thread, from a handler or with its data.
+TEST(EventService, LifeTimesMayCross) {
+  auto service = std::make_unique<EventService>();
+  EventService* const raw = service.get();
+  int run = 0;
+  const auto use_service = [&] {
+    raw->Clear(1);
+    raw->Post(4, [&](Message*) { ++run; });
+  };
+  service->Post(nullptr, 3, std::make_shared<Userdata>(use_service));
+  service->Clear(3);
+  service->Dispatch(false);
+  EXPECT_EQ(run, 1);
+  for (int i = 0; i < 20; ++i) {
+    service->PostDelay(nullptr, 1 + i % 3, 1000 - i, std::make_shared<Userdata>(use_service));
+  }
+  service.reset();
 
   for (const bool is_in_handler : {true, false}) {
+    Semaphore released;
     Semaphore gone;
-    auto service = EventService::Create("last", 50);
-    const std::weak_ptr<EventService> alive = service;
-    service->Start();
-    auto hold = std::make_shared<std::shared_ptr<EventService>>(service);
-    EventService* const raw = service.get();
-    service.reset();
     auto end = std::make_shared<Userdata>([&] { gone.Signal(); });
-    if (is_in_handler) {
-      raw->Post(1, [hold, end](Message*) mutable {
-        hold->reset();
-        end.reset();
-      });
-    } else {
-      raw->Post(1, [hold, end](Message*) {});
-    }
+    auto hold = std::make_shared<std::shared_ptr<EventService>>(EventService::Create("last", 50));
+    (*hold)->Start();
+    (*hold)->Post(1, [is_in_handler, end, hold, &released](Message*) {
+      EXPECT_TRUE(released.Wait(kPatienceMs));
+      if (is_in_handler) hold->reset();
+    });
     hold.reset();
     end.reset();
-    ASSERT_TRUE(gone.Wait(kPatienceMs));
-    for (int i = 0; i < 1000 && !alive.expired(); ++i) TimeUtil::SleepMs(5);
-    EXPECT_TRUE(alive.expired());
+    released.Signal();
+    EXPECT_TRUE(gone.Wait(kPatienceMs));
   }
 }
 
@@ -394,47 +342,17 @@ TEST(EventService, WaitsWithoutSpinning) {
   constexpr int kTicks = 300;
   Semaphore done;
   int ticks = 0;
-  double used_ms = 0;
-  const auto cpu_ms = [] {
-    struct timespec now = {};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-    return static_cast<double>(now.tv_sec) * 1e3 + static_cast<double>(now.tv_nsec) / 1e6;
-  };
   std::function<void(Message*)> tick = [&](Message*) {
-    if (ticks == 0) used_ms = -cpu_ms();
-    if (++ticks < kTicks) {
-      service->PostDelay(1, 0, tick);
-    } else {
-      used_ms += cpu_ms();
-      done.Signal();
-    }
+    ++ticks < kTicks ? service->PostDelay(1, 0, tick) : done.Signal();
   };
-  const int64_t begin = TimeUtil::ClockMillis();
   service->Post(1, tick);
+  const int64_t begin = TimeUtil::ClockMillis();
+  const std::clock_t used = std::clock();  // of the process: nobody else runs
   service->Start();
   ASSERT_TRUE(done.Wait(kPatienceMs));
   EXPECT_GE(TimeUtil::ClockMillis() - begin, kTicks - 2);
-  EXPECT_LT(used_ms, kTicks / 3.0);  // spinning takes nearly all of the time, sleeping 2 percent
-}
-
-// Without the right to real-time scheduling one line of the log says so and messages run.
-TEST(EventService, RunsWithoutRealTimeRight) {
-  test::Child child = test::Child::Fork([] {
-    const auto service = EventService::Create("refused", 1000);  // no such priority exists
-    Semaphore done;
-    service->Post(1, [&](Message*) { done.Signal(); });
-    service->Start();
-    const bool has_run = done.Wait(kPatienceMs);
-    service->Stop();
-    fflush(stdout);
-    return has_run ? 0 : 1;
-  });
-  EXPECT_EQ(child.Wait(), 0);
-  const std::string& out = child.output();
-  const std::string line = "set thread priority failed: refused, error: Invalid argument";
-  const size_t at = out.find(line);
-  ASSERT_NE(at, std::string::npos) << out;
-  EXPECT_EQ(out.find("failed", at + line.size()), std::string::npos) << out;
+  // Spinning takes nearly all of the time, sleeping 2 percent.
+  EXPECT_LT(std::clock() - used, kTicks * CLOCKS_PER_SEC / 3000);
 }
 
 }  // namespace

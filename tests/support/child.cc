@@ -7,10 +7,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <thread>
 #include <utility>
 
 namespace test {
@@ -167,6 +170,28 @@ int Child::Wait(int timeout_ms) {
   }
   pid_ = -1;
   return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+bool RaceOnFirstUse(const std::function<const void*()>& instance) {
+  bool is_one = true;
+  for (int round = 0; round < 20; ++round) {
+    Child child = Child::Fork([&] {
+      std::atomic<int> waiting{4};
+      const void* seen[4] = {};
+      std::vector<std::thread> threads;
+      for (const void*& mine : seen) {
+        threads.emplace_back([&] {
+          --waiting;
+          while (waiting > 0) std::this_thread::yield();
+          mine = instance();
+        });
+      }
+      for (std::thread& thread : threads) thread.join();
+      return seen[0] != nullptr && std::count(seen, seen + 4, seen[0]) == 4 ? 0 : 1;
+    });
+    is_one = child.Wait() == 0 && is_one;
+  }
+  return is_one;
 }
 
 }  // namespace test

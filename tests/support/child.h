@@ -60,6 +60,10 @@ class Child {
   size_t line_begin_ = 0;  // first byte of output_ that ReadLine has not given yet
 };
 
+// Lets four threads meet on the first use of a singleton, in fresh processes: true when they always
+// got the same object. To be called before this process itself has used it.
+bool RaceOnFirstUse(const std::function<const void*()>& instance);
+
 }  // namespace test
 
 #endif  // BSP_TESTS_SUPPORT_CHILD_H_
