@@ -138,13 +138,10 @@ TEST_F(SigslotTest, SlotMayDoAnything) {
 // A duplicate goes to the new receiver, is not duplicated in turn, and is torn down with it; a
 // receiver of another class is left alone.
 TEST_F(SigslotTest, DuplicatesConnections) {
-  class Other : public sigslot::has_slots<> {};
   auto added = std::make_unique<Receiver>('x', &calls_);
-  Other other;
-  signal_->slot_duplicate(At('a').get(), At('a').get());
-  signal_->slot_duplicate(At('a').get(), added.get());
-  signal_->slot_duplicate(At('a').get(), &other);
-  signal_->slot_duplicate(At('a').get(), nullptr);
+  sigslot::has_slots<> other;
+  sigslot::has_slots_interface* const receivers[] = {At('a').get(), added.get(), &other, nullptr};
+  for (auto* receiver : receivers) signal_->slot_duplicate(At('a').get(), receiver);
   EXPECT_EQ(Emit(), "abcdaxx");
   added.reset();
   EXPECT_EQ(Emit(), "abcda");
