@@ -170,9 +170,11 @@ class SystemProperty::Section {
 
   // The key is cut at 31 bytes. An empty one leaves the slot free.
   void Take(KeyV* slot, const char* key, const char* value, size_t size) {
-    char padded[sizeof(KeyV::value)] = {};  // over what a killed Set or the journal left behind
-    memcpy(padded, value, size);
-    CopyIn(slot->value, padded, sizeof padded);
+    if (slot == &slots_[kJournal]) {  // what lies there are values of other keys
+      const char zeros[kMaxValue] = {};
+      CopyIn(slot->value, zeros, sizeof zeros);
+    }
+    CopyIn(slot->value, value, size);
     char text[sizeof(KeyV::key)] = {};
     memcpy(text, key, strnlen(key, sizeof text - 1));
     for (size_t i = kKeyWords; i-- > 0;) {
@@ -275,6 +277,10 @@ void SystemProperty::TellUnlocked(int error) {
 }
 
 std::shared_ptr<MSError> SystemProperty::Set(const char* key, const char* value, int value_size) {
+  std::shared_ptr<MSError> attached = EnsureAttached();
+  if (attached != kOk) return attached;
+
+  Section section(this);
   if (IsBadCall(key, value, value_size)) {
     return BSP_NEW_ERROR(-1, "Set failed, key: %s, value: %s, value_size: %d", key,
                          TextOf(value, value_size).c_str(), value_size);
@@ -283,10 +289,6 @@ std::shared_ptr<MSError> SystemProperty::Set(const char* key, const char* value,
     return BSP_NEW_ERROR(-1, "Set failed, key: %s, value_size: %d, max_size: %d", key, value_size,
                          kMaxValue + 1);
   }
-  std::shared_ptr<MSError> attached = EnsureAttached();
-  if (attached != kOk) return attached;
-
-  Section section(this);
   const auto size = static_cast<size_t>(value_size);
   KeyV* const slot = section.Find(key);
   if (slot != nullptr) {
@@ -302,6 +304,10 @@ std::shared_ptr<MSError> SystemProperty::Set(const char* key, const char* value,
 }
 
 std::shared_ptr<MSError> SystemProperty::Get(const char* key, char* value, int value_size) {
+  std::shared_ptr<MSError> attached = EnsureAttached();
+  if (attached != kOk) return attached;
+
+  const Section section(this);
   if (IsBadCall(key, value, value_size)) {
     return BSP_NEW_ERROR(-1, "Get failed, key: %s, value: %s, value_size: %d", key,
                          TextOf(value, value_size).c_str(), value_size);
@@ -310,10 +316,6 @@ std::shared_ptr<MSError> SystemProperty::Get(const char* key, char* value, int v
     return BSP_NEW_ERROR(-1, "Get failed, key: %s, value_size: %d, max_size: %d", key, value_size,
                          kMaxValue + 1);
   }
-  std::shared_ptr<MSError> attached = EnsureAttached();
-  if (attached != kOk) return attached;
-
-  const Section section(this);
   const KeyV* const slot = section.Find(key);
   if (slot == nullptr) return BSP_NEW_ERROR(-1, "Get failed, key: %s, no such key", key);
   CopyOut(value, slot->value, static_cast<size_t>(value_size));

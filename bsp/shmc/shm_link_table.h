@@ -71,6 +71,7 @@ class BSP_EXPORT ShmLinkTable {
   // Which nodes are in use, as the owner of the strings finds by Claim.
   struct Census {
     std::vector<bool> used;
+    std::vector<bool> broken;  // met in a chain that is not whole; never walked again
     size_t nodes = 0;
     size_t link_bufs = 0;
     uint64_t bytes = 0;
@@ -117,7 +118,9 @@ class BSP_EXPORT ShmLinkTable {
   // census, claims every string it holds (false: that one is not whole, or claimed twice), and
   // hands the result to TakeBack, which frees all other nodes and gives their gain. A writer's
   // call.
-  Census StartCensus() const { return {std::vector<bool>(node_num_), 0, 0, 0}; }
+  Census StartCensus() const {
+    return {std::vector<bool>(node_num_), std::vector<bool>(node_num_), 0, 0, 0};
+  }
   bool Claim(link_buf_t buf, Census* census) const;
   size_t TakeBack(const Census& census);
 
@@ -489,6 +492,7 @@ bool ShmLinkTable<Alloc>::HasNodes() const {
 template <typename Alloc>
 inline bool ShmLinkTable<Alloc>::FreeListMatches(const Census* census) const {
   const size_t expected = impl::Load(&shm_->free_node_num);
+  if (expected > total_nodes()) return false;  // else a list in a circle is walked 2^32 times
   size_t count = 0;
   for (size_t index = impl::Load(&shm_->free_list); index != 0; ++count) {
     if (!IsNode(index) || count == expected) return false;
@@ -507,13 +511,17 @@ bool ShmLinkTable<Alloc>::Claim(link_buf_t buf, Census* census) const {
   std::vector<size_t> chain;
   if (census->used.size() != node_num_ || !ReadLength(buf, &length)) return false;
   const bool is_whole = WalkChain(buf, length, [&](size_t index) {
-    if (census->used[index]) return false;
+    if (census->used[index] || census->broken[index]) return false;
     census->used[index] = true;  // also ends a chain that runs in a circle
     chain.push_back(index);
     return true;
   });
   if (!is_whole) {
-    for (const size_t index : chain) census->used[index] = false;
+    // Else all first nodes of a damaged segment might share one long chain, each walking it anew.
+    for (const size_t index : chain) {
+      census->used[index] = false;
+      census->broken[index] = true;
+    }
     return false;
   }
   census->nodes += chain.size();
