@@ -3,6 +3,8 @@
 #ifndef BSP_TESTS_SUPPORT_SHMC_SUPPORT_H_
 #define BSP_TESTS_SUPPORT_SHMC_SUPPORT_H_
 
+#include <sys/mman.h>
+
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -76,23 +78,53 @@ class RawSegment {
   shmc::ShmHandle<char, ShmAlloc> shm_;
 };
 
-// The value of `key` made by store number `store`: its length and all its bytes follow from both,
-// so that a mixture of two shows.
-inline std::string Pattern(unsigned long key, uint64_t store) {
-  std::string value(8 + (store * 37 + key) % 250, '\0');
-  memcpy(&value[0], &store, sizeof store);
-  for (size_t i = 8; i < value.size(); ++i) {
-    value[i] = static_cast<char>((store * 0x9e3779b97f4a7c15u + key * 31) >> (i % 8 * 8)) +
-               static_cast<char>(i);
+// An object that forked processes share.
+template <typename T>
+class Shared {
+ public:
+  Shared()
+      : place_(
+            mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) {
+    new (place_) T();
+  }
+  ~Shared() { munmap(place_, sizeof(T)); }
+  Shared(const Shared&) = delete;
+  Shared& operator=(const Shared&) = delete;
+  T& operator*() const { return *static_cast<T*>(place_); }
+  T* operator->() const { return static_cast<T*>(place_); }
+
+ private:
+  void* place_;
+};
+
+// `size` bytes, 8 at least, that begin with the seed and all follow from it, so that a mixture of
+// two shows.
+inline std::string Pattern(uint64_t seed, size_t size) {
+  std::string value(size, '\0');
+  memcpy(&value[0], &seed, sizeof seed);
+  for (size_t i = sizeof seed; i < size; ++i) {
+    value[i] = static_cast<char>((seed * 0x9e3779b97f4a7c15u >> (i % 8 * 8)) + i);
   }
   return value;
 }
 
-inline bool IsPattern(unsigned long key, const std::string& value) {
-  uint64_t store = 0;
-  if (value.size() < sizeof store) return false;
-  memcpy(&store, value.data(), sizeof store);
-  return value == Pattern(key, store);
+inline uint64_t SeedOf(const std::string& value) {
+  uint64_t seed = 0;
+  memcpy(&seed, value.data(), value.size() < 8 ? 0 : 8);
+  return seed;
+}
+
+inline bool IsWhole(const std::string& value) {
+  return value.size() >= 8 && value == Pattern(SeedOf(value), value.size());
+}
+
+// The value of `key` (below 256) made by store number `store`; the length follows from both.
+inline std::string ValueOf(unsigned long key, uint64_t store) {
+  return Pattern(store << 8 | key, 8 + (store * 37 + key) % 250);
+}
+
+inline bool IsValueOf(unsigned long key, const std::string& value) {
+  return SeedOf(value) % 256 == key && value == ValueOf(key, SeedOf(value) >> 8);
 }
 
 // The whole value, read with room to spare; empty when the key is not there.
