@@ -29,6 +29,14 @@ std::string RpcRecord(const std::string& cmd, int type, int power);
 // 0 for null.
 int CodeOf(const std::shared_ptr<MSError>& error);
 
+// The sanitizer of undefined behaviour looks at objects through a pipe, and takes them for invalid
+// where it gets none.
+#ifdef __SANITIZE_ADDRESS__
+constexpr bool kSanitizerNeedsDescriptors = true;
+#else
+constexpr bool kSanitizerNeedsDescriptors = false;
+#endif
+
 // Threads: one at a time. Waits end after 20 s unless told otherwise.
 class RpcPeer {
  public:
