@@ -1,9 +1,10 @@
 // Sockets, event loop, TCP client and server over real loopback connections.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -12,7 +13,6 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <mutex>
@@ -62,7 +62,6 @@ struct Listener {
 TEST(SocketAddress, SetTellsNamesFromAddresses) {
   NEED_PRIVATE_WORLD();  // else the look-up might ask a name server outside
   SocketAddress address("127.0.0.1", 12122);
-  EXPECT_EQ(address.ToString(), "127.0.0.1:12122");
   const auto* native = reinterpret_cast<const sockaddr_in*>(address.Native());
   EXPECT_EQ(native->sin_addr.s_addr, htonl(INADDR_LOOPBACK));
   EXPECT_EQ(native->sin_port, htons(12122));
@@ -71,9 +70,7 @@ TEST(SocketAddress, SetTellsNamesFromAddresses) {
   EXPECT_EQ(native->sin_family, AF_INET);
   address.Set("localhost", 81);
   EXPECT_EQ(address.ToString(), "127.0.0.1:81");
-  EXPECT_TRUE(address.IsValid());
   EXPECT_FALSE(SocketAddress("255.255.255.255", 1).IsValid());
-  EXPECT_TRUE(SocketAddress().IsValid());
 }
 
 // Nothing moves without a descriptor, errno never reads as "later", a second Create leaks nothing,
@@ -84,8 +81,7 @@ TEST(Socket, RefusesWhatItCannotDo) {
   char byte = 0;
   const auto refused = [](int result) { return result == -1 && Socket::ErrorNo() == EBADF; };
   errno = EAGAIN;
-  EXPECT_TRUE(refused(socket.Send(&byte, 1)));
-  EXPECT_TRUE(refused(socket.Recv(&byte, 1)));
+  EXPECT_TRUE(refused(socket.Send(&byte, 1)) && refused(socket.Recv(&byte, 1)));
   EXPECT_TRUE(refused(socket.SendTo(&byte, 1, address)));
   EXPECT_TRUE(refused(socket.RecvFrom(&byte, 1, address)));
   EXPECT_FALSE(socket.Connect(address) || socket.Bind(address) || socket.Listen(1));
@@ -100,11 +96,9 @@ TEST(Socket, RefusesWhatItCannotDo) {
   EXPECT_EQ(socket.SendTo(&byte, -1, address), -1);
   socket.Close();
   EXPECT_FALSE(socket.IsValid());
-  const int reused = dup(STDOUT_FILENO);
+  const Socket owner(dup(STDOUT_FILENO));  // has the number by now
   socket.Close();
-  EXPECT_NE(fcntl(reused, F_GETFD), -1);
-  Socket owner(reused);
-  EXPECT_TRUE(owner.IsValid());
+  EXPECT_NE(fcntl(owner.GetNativeSocket(), F_GETFD), -1);
 }
 
 // A stream moves bytes both ways, tells a close, and survives a peer that is gone.
@@ -114,22 +108,17 @@ TEST(Socket, StreamEndToEnd) {
   ASSERT_TRUE(listener.socket.SetBlocking(1));
   EXPECT_EQ(listener.socket.Accept(), nullptr);
   EXPECT_EQ(Socket::ErrorNo(), EAGAIN);
-
   Socket client;
-  ASSERT_TRUE(client.Create(Socket::SOCKET_STREAM));
-  ASSERT_TRUE(client.Connect(listener.address));
-  std::shared_ptr<Socket> accepted = listener.socket.Accept();
+  ASSERT_TRUE(client.Create(Socket::SOCKET_STREAM) && client.Connect(listener.address));
+  SocketPtr accepted = listener.socket.Accept();
   ASSERT_NE(accepted, nullptr);
   EXPECT_TRUE(IsCloseOnExec(accepted->GetNativeSocket()));
   EXPECT_EQ(fcntl(accepted->GetNativeSocket(), F_GETFL) & O_NONBLOCK, 0);
 
   char text[16] = {};
-  std::string one = "one ";
-  std::string two = "two";
-  const iovec pieces[] = {{one.data(), one.size()}, {two.data(), two.size()}};
-  EXPECT_EQ(accepted->SendPieces(pieces, 2), 7);
-  EXPECT_EQ(recv(client.GetNativeSocket(), text, 7, MSG_WAITALL), 7);
-  EXPECT_STREQ(text, "one two");
+  EXPECT_EQ(accepted->Send("two", 3), 3);
+  EXPECT_EQ(recv(client.GetNativeSocket(), text, 3, MSG_WAITALL), 3);
+  EXPECT_STREQ(text, "two");
   ASSERT_TRUE(client.SetBlocking(1));
   EXPECT_EQ(client.Recv(text, sizeof(text)), -1);
   EXPECT_EQ(Socket::ErrorNo(), EAGAIN);
@@ -144,25 +133,6 @@ TEST(Socket, StreamEndToEnd) {
   ASSERT_TRUE(second.Create(Socket::SOCKET_STREAM));
   EXPECT_FALSE(second.Bind(listener.address));
   EXPECT_EQ(Socket::ErrorNo(), EADDRINUSE);  // the log line before has not changed it
-}
-
-// Datagrams keep their bounds and tell who sent them.
-TEST(Socket, Datagrams) {
-  NEED_PRIVATE_WORLD();
-  Socket receiver;
-  Socket sender;
-  ASSERT_TRUE(receiver.Create(Socket::SOCKET_DGRAM) && sender.Create(Socket::SOCKET_DGRAM));
-  ASSERT_TRUE(receiver.Bind(SocketAddress("127.0.0.1", 12122)));
-  ASSERT_TRUE(sender.Bind(SocketAddress("127.0.0.1", 12123)));
-  const SocketAddress to("127.0.0.1", 12122);
-  ASSERT_EQ(sender.SendTo("first", 5, to), 5);
-  ASSERT_EQ(sender.SendTo("2nd", 3, to), 3);
-  char text[16] = {};
-  SocketAddress from;
-  EXPECT_EQ(receiver.RecvFrom(text, sizeof(text), from), 5);
-  EXPECT_EQ(from.ToString(), "127.0.0.1:12123");
-  EXPECT_EQ(receiver.RecvFrom(text, sizeof(text), from), 3);
-  EXPECT_EQ(std::string(text, 3), "2nd");
 }
 
 // ---- Helpers for the loop
@@ -195,15 +165,6 @@ class LoopThread {
   std::shared_ptr<EventLoop> loop_;
   std::thread thread_;
 };
-
-bool Await(const std::function<bool()>& is_true) {
-  const auto end = steady_clock::now() + std::chrono::seconds(20);
-  while (!is_true()) {
-    if (steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(std::chrono::microseconds(200));
-  }
-  return true;
-}
 
 // Notes its calls as letters in a common log: r, w, e and a number of its own.
 class Probe : public bsp::EventHandler {
@@ -245,36 +206,38 @@ TEST(EventLoop, StopAndWakeup) {
   EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(10));  // 100 waits are 100 s
 
   std::thread runner([&] { loop.Loop(); });
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));  // most likely waiting by now
-  loop.Stop();                                                 // and nothing else
+  loop.Stop();  // and nothing else: a second at most
   runner.join();
 }
 
-// What one batch has fetched reaches nobody whose registration has gone meanwhile, neither the old
-// handler nor the new one under the same descriptor.
+// What one batch has fetched reaches nobody whose registration has gone meanwhile: neither the old
+// handler, nor the new one under the same descriptor, nor one whose owner has died.
 TEST(EventLoop, StaleEventsAreDropped) {
   EventLoop loop;
   Calls calls;
   Probe first(&calls, 1);
   Probe second(&calls, 2);
   Probe heir(&calls, 3);
+  auto owned = std::make_shared<Probe>(&calls, 4);
   auto a = LocalPair();
   auto b = LocalPair();
+  auto c = LocalPair();
   std::pair<SocketPtr, SocketPtr> fresh;
   const int old_fd = b.first->GetNativeSocket();
-  // Whichever is called first closes the other's socket and lets the heir have its number.
   first.on_read = [&] {
     EXPECT_TRUE(loop.RemoveEvent(b.first));
     b.first->Close();
     fresh = LocalPair();
     ASSERT_EQ(fresh.first->GetNativeSocket(), old_fd);
     EXPECT_TRUE(loop.AddEvent(fresh.first, kIdleMask, &heir));
+    owned.reset();
     loop.Stop();
   };
   ASSERT_TRUE(loop.AddEvent(a.first, kIdleMask, &first));
   ASSERT_TRUE(loop.AddEvent(b.first, kIdleMask, &second));
-  a.second->Send("x", 1);  // the order of arrival is the order of the batch
-  b.second->Send("x", 1);
+  ASSERT_TRUE(loop.AddEvent(c.first, kIdleMask, owned.get(), owned));
+  // The order of arrival is the order of the batch.
+  for (const auto* pair : {&a, &b, &c}) pair->second->Send("x", 1);
   loop.Loop();
   EXPECT_EQ(calls, Calls{"r1"});
 
@@ -284,35 +247,23 @@ TEST(EventLoop, StaleEventsAreDropped) {
   EXPECT_EQ(calls, (Calls{"r1", "r3"}));
 }
 
-// A handler whose owner has died on another thread is not called, although its event is fetched.
-TEST(EventLoop, OwnerGoneIsNotCalled) {
-  EventLoop loop;
-  Calls calls;
-  Probe first(&calls, 1);
-  auto owned = std::make_shared<Probe>(&calls, 2);
-  auto a = LocalPair();
-  auto b = LocalPair();
-  first.on_read = [&] {
-    owned.reset();
-    loop.Stop();
-  };
-  ASSERT_TRUE(loop.AddEvent(a.first, kIdleMask, &first));
-  ASSERT_TRUE(loop.AddEvent(b.first, kIdleMask, owned.get(), owned));
-  a.second->Send("x", 1);
-  b.second->Send("x", 1);
-  loop.Loop();
-  EXPECT_EQ(calls, Calls{"r1"});
-  loop.RemoveEvent(b.first);
-}
-
-// One event: read before write, no write behind a removal, an error alone; and each edge once.
-TEST(EventLoop, OrderWithinAnEvent) {
+// Refusals leave the table as it was. One event: read before write, no write behind a removal, an
+// error alone; and each edge once.
+TEST(EventLoop, RegistrationAndOrder) {
   EventLoop loop;
   Calls calls;
   Probe probe(&calls, 1);
+  Probe second(&calls, 2);
   auto pair = LocalPair();
+  const auto closed = std::make_shared<Socket>();
+  EXPECT_FALSE(loop.AddEvent(nullptr, kIdleMask, &probe) || loop.RemoveEvent(nullptr));
+  EXPECT_FALSE(loop.AddEvent(closed, kIdleMask, &probe) || loop.RemoveEvent(closed));
+  EXPECT_FALSE(loop.AddEvent(pair.first, kIdleMask, nullptr));
+  EXPECT_FALSE(loop.UpdateEvent(nullptr, kIdleMask) || loop.UpdateEvent(pair.first, kIdleMask));
+  EXPECT_TRUE(loop.RemoveEvent(pair.first));  // not registered, and that is fine
   pair.second->Send("x", 1);
   ASSERT_TRUE(loop.AddEvent(pair.first, kAllMask, &probe));
+  EXPECT_FALSE(loop.AddEvent(pair.first, kIdleMask, &second));
   probe.on_write = [&] { loop.Stop(); };
   loop.Loop();
   EXPECT_EQ(calls, (Calls{"r1", "w1"}));
@@ -335,52 +286,28 @@ TEST(EventLoop, OrderWithinAnEvent) {
   EXPECT_EQ(calls, (Calls{"r1", "w1", "r1", "e1"}));
 }
 
-// Refusals leave the table as it was.
-TEST(EventLoop, Refusals) {
-  EventLoop loop;
-  Calls calls;
-  Probe first(&calls, 1);
-  Probe second(&calls, 2);
-  auto pair = LocalPair();
-  EXPECT_FALSE(loop.AddEvent(nullptr, kIdleMask, &first));
-  EXPECT_FALSE(loop.AddEvent(pair.first, kIdleMask, nullptr));
-  EXPECT_FALSE(loop.AddEvent(std::make_shared<Socket>(), kIdleMask, &first));
-  EXPECT_FALSE(loop.UpdateEvent(nullptr, kIdleMask));
-  EXPECT_FALSE(loop.UpdateEvent(pair.first, kIdleMask));
-  EXPECT_FALSE(loop.RemoveEvent(nullptr));
-  EXPECT_FALSE(loop.RemoveEvent(std::make_shared<Socket>()));
-  EXPECT_TRUE(loop.RemoveEvent(pair.first));  // not registered, and that is fine
-  ASSERT_TRUE(loop.AddEvent(pair.first, kIdleMask, &first));
-  EXPECT_FALSE(loop.AddEvent(pair.first, kIdleMask, &second));
-  first.on_read = [&] { loop.Stop(); };
-  pair.second->Send("x", 1);
-  loop.Loop();
-  EXPECT_EQ(calls, Calls{"r1"});
-}
-
 // A deferred call comes once the events at hand are done, on request again in the next turn, and a
 // last time when the loop ends, when it is refused from there on.
 TEST(EventLoop, DeferredCalls) {
   EventLoop loop;
   Calls calls;
-  auto pairs = std::vector{LocalPair(), LocalPair(), LocalPair()};
-  std::vector<std::unique_ptr<Probe>> probes;
+  std::vector<std::pair<SocketPtr, SocketPtr>> pairs;
+  std::deque<Probe> probes;
   auto later = std::make_shared<Probe>(&calls, 9);
   EXPECT_FALSE(loop.Defer(later));
   for (int i = 0; i < 3; ++i) {
-    probes.push_back(std::make_unique<Probe>(&calls, i));
-    ASSERT_TRUE(loop.AddEvent(pairs[static_cast<size_t>(i)].first, kIdleMask, probes.back().get()));
-    pairs[static_cast<size_t>(i)].second->Send("x", 1);
+    pairs.push_back(LocalPair());
+    probes.emplace_back(&calls, i);
+    ASSERT_TRUE(loop.AddEvent(pairs.back().first, kIdleMask, &probes.back()));
+    pairs.back().second->Send("x", 1);
   }
-  probes[0]->on_read = [&] { EXPECT_TRUE(loop.Defer(later)); };
+  probes[0].on_read = [&] { EXPECT_TRUE(loop.Defer(later) && !loop.Defer(nullptr)); };
   int turns = 0;
   later->on_write = [&] {
     EXPECT_EQ(loop.Defer(later), turns < 3);
     if (++turns == 3) loop.Stop();
   };
-  const auto start = steady_clock::now();
   loop.Loop();
-  EXPECT_LT(steady_clock::now() - start, std::chrono::milliseconds(900));  // no turn waits
   EXPECT_EQ(calls, (Calls{"r0", "r1", "r2", "w9", "w9", "w9", "w9"}));
   EXPECT_EQ(later.use_count(), 1);
 }
@@ -418,42 +345,26 @@ std::string ReadExactly(Socket& socket, size_t length) {
 }
 
 // A TcpClient with its slots: keeps the bytes and the texts of errors, in order.
-class Station : public sigslot::has_slots<> {
- public:
+struct Station : sigslot::has_slots<> {
   explicit Station(const std::shared_ptr<EventLoop>& loop)
       : client(std::make_shared<TcpClient>(loop)) {
     client->SignalRead.connect(this, &Station::HandleRead);
     client->SignalError.connect(this, &Station::HandleError);
   }
-
   void HandleRead(std::shared_ptr<TcpClient>, std::shared_ptr<MemoryBuffer> buffer) {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    events_.push_back("read " + std::to_string(buffer->size()));
-    buffer->ReadString(&bytes_, buffer->size());
+    events.push_back("read " + std::to_string(buffer->size()));
+    buffer->ReadString(&bytes, buffer->size());
     if (on_read) on_read();
   }
   void HandleError(std::shared_ptr<TcpClient>, std::shared_ptr<MSError> error) {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    events_.push_back(error->Message().substr(0, error->Message().find('\n')));
+    events.push_back(error->Message().substr(0, error->Message().find('\n')));
     if (on_error) on_error();
-  }
-
-  std::string bytes() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return bytes_;
-  }
-  std::vector<std::string> events() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return events_;
   }
 
   std::shared_ptr<TcpClient> client;
   std::function<void()> on_read, on_error;
-
- private:
-  std::mutex mutex_;
-  std::string bytes_;
-  std::vector<std::string> events_;
+  std::string bytes;
+  Calls events;
 };
 
 // A large Send goes out in chunks, the first from the call itself, with nothing lost or doubled.
@@ -507,94 +418,98 @@ TEST(TcpClient, FullSocketKeepsTheStream) {
     }
     EXPECT_GT(client->SendBacklog(), 0u);
     EXPECT_TRUE(ReadExactly(*pair.second, data.size()) == data);
-    EXPECT_TRUE(Await([&] { return client->SendBacklog() == 0; }));
-    EXPECT_TRUE(client->Send("end", 3));
-    EXPECT_EQ(ReadExactly(*pair.second, 3), "end");
+    EXPECT_EQ(client->SendBacklog(), 0u);
     client->Disconnect();
   }
 }
 
-// All that waits in the kernel comes in one delivery; what a slot leaves comes again with the next.
+// All that waits in the kernel comes in one delivery, also behind urgent data, which cuts a read
+// short.
 TEST(TcpClient, OneDeliveryForAllThatWaits) {
   const auto loop = std::make_shared<EventLoop>();
   auto pair = LocalPair();
   const int size = 1 << 20;
   ASSERT_TRUE(pair.second->SetOption(SOL_SOCKET, SO_SNDBUF, &size, sizeof(size)));
   Station station(loop);
+  station.on_read = [&] { loop->Stop(); };
   ASSERT_TRUE(station.client->UpdateSocket(pair.first));
   const std::string data = Pattern(250000);
   ASSERT_EQ(pair.second->Send(data.data(), 250000), 250000);
-  station.on_read = [&] { loop->Stop(); };
   loop->Loop();
-  EXPECT_EQ(station.events(), std::vector<std::string>{"read 250000"});
-  EXPECT_TRUE(station.bytes() == data);
+  EXPECT_EQ(station.events, Calls{"read 250000"});
+  EXPECT_TRUE(station.bytes == data);
+
+  pair = TcpPair();
+  station.client->Disconnect();
+  const int fd = pair.second->GetNativeSocket();
+  ASSERT_TRUE(send(fd, "abc", 3, 0) == 3 && send(fd, "!", 1, MSG_OOB) == 1);
+  ASSERT_EQ(send(fd, "def", 3, 0), 3);
+  for (int on_their_way = 1; on_their_way > 0; std::this_thread::yield()) {
+    ASSERT_EQ(ioctl(fd, SIOCOUTQ, &on_their_way), 0);
+  }
+  ASSERT_TRUE(station.client->UpdateSocket(pair.first));
+  loop->Loop();
+  EXPECT_EQ(station.events.back(), "read 6");
+  EXPECT_EQ(station.bytes.substr(data.size()), "abcdef");
 }
 
-// Messages that go straight to the caller's memory keep their bytes and their bounds, however they
-// are cut, with small ones through the buffer in between; one that ends early is an error, and a
-// Disconnect takes the memory out of the kernel's reach.
-TEST(TcpClient, LargeMessagesGoRoundTheBuffer) {
-  constexpr size_t kHead = 10;
+// Takes pieces of random size by turns into its own memory and through the buffer.
+struct Alternating : bsp::ByteSink {
+  char* Room(const std::shared_ptr<MemoryBuffer>& buffer, size_t* room) override {
+    EXPECT_FALSE(is_slots_turn);
+    EXPECT_LE(buffer->size(), limit);
+    buffer->ReadString(&all, buffer->size());
+    limit = *room = 1 + random() % 50000;
+    if (missing == 0 && ++turns % 2 == 0) return nullptr;
+    if (missing == 0) memory.resize(missing = 1 + random() % 400000);
+    *room = missing;
+    return &memory[memory.size() - missing];
+  }
+  bool Took(size_t count) override {
+    all.append(&memory[memory.size() - missing], count);
+    missing -= count;
+    is_slots_turn = missing == 0;
+    return is_slots_turn;
+  }
+
+  std::string all, memory;
+  size_t missing = 0, limit = 0;
+  int turns = 0;
+  bool is_slots_turn = false;
+  std::minstd_rand random{5};
+};
+
+// With a sink the stream keeps its bytes, each read its bounds, and the slot its turn before more
+// is read, however the network cuts the stream.
+TEST(TcpClient, SinkTakesItsPart) {
   const auto loop = std::make_shared<EventLoop>();
   auto pair = TcpPair();
-  const auto client = std::make_shared<TcpClient>(loop);
-  struct Taker : sigslot::has_slots<> {
-    void HandleRead(std::shared_ptr<TcpClient> from, std::shared_ptr<MemoryBuffer> buffer) {
-      EXPECT_EQ(from->ReceiveMissing(), 0u);
-      while (is_body || buffer->size() >= kHead) {
-        if (!is_body) {
-          std::string head;
-          buffer->ReadString(&head, kHead);
-          body.assign(std::stoul(head), '\0');
-          is_body = true;
-          if (from->ReceiveInto(body.data(), body.size()) > 0) {
-            ++waits;
-            return;
-          }
-        }
-        all += body;
-        is_body = false;
-      }
-    }
-    void HandleError(std::shared_ptr<TcpClient>, std::shared_ptr<MSError>) { ++errors; }
-    std::string body, all;
-    bool is_body = false;
-    std::atomic<int> errors{0};
-    int waits = 0;
-  } taker;
-  client->SetDeliverLastBytes(true);
-  client->SignalRead.connect(&taker, &Taker::HandleRead);
-  client->SignalError.connect(&taker, &Taker::HandleError);
-  ASSERT_TRUE(client->UpdateSocket(pair.first));
-  std::string stream;
-  std::string expected;
-  std::minstd_rand random(5);
-  for (int i = 0; i < 40; ++i) {
-    const std::string body =
-        Pattern(i % 3 == 0 ? random() % 900000 : random() % 500, static_cast<unsigned>(i));
-    char head[kHead + 1];
-    snprintf(head, sizeof(head), "%010zu", body.size());
-    stream += head + body;
-    expected += body;
-  }
-  {
-    const LoopThread thread(loop);
-    for (size_t at = 0; at < stream.size();) {
-      const size_t length = std::min<size_t>(1 + random() % 300000, stream.size() - at);
-      const int sent = pair.second->Send(&stream[at], static_cast<int>(length));
-      ASSERT_GT(sent, 0);
+  Station station(loop);
+  const auto sink = std::make_shared<Alternating>();
+  station.client->SetSink(sink);
+  station.client->SetDeliverLastBytes(true);
+  ASSERT_TRUE(station.client->UpdateSocket(pair.first));
+  const std::string data = Pattern(6000000, 3);
+  station.on_read = [&] {
+    sink->is_slots_turn = false;
+    sink->all += station.bytes;
+    station.bytes.clear();
+  };
+  station.on_error = [&] { loop->Stop(); };
+  std::thread sender([&] {
+    std::minstd_rand random(9);
+    for (size_t at = 0; at < data.size();) {
+      const size_t length = std::min<size_t>(1 + random() % 300000, data.size() - at);
+      const int sent = pair.second->Send(&data[at], static_cast<int>(length));
+      if (sent <= 0) break;
       at += static_cast<size_t>(sent);
     }
-    ASSERT_EQ(pair.second->Send("0000100000half", 14), 14);
     pair.second.reset();
-    EXPECT_TRUE(Await([&] { return taker.errors == 1; }));
-  }
-  EXPECT_TRUE(taker.all == expected);
-  EXPECT_GE(taker.waits,
-            4);  // three messages at least were in the kernel's hands, and the half one
-  EXPECT_EQ(client->ReceiveMissing(), 100000u - 4);
-  client->Disconnect();
-  EXPECT_EQ(client->ReceiveMissing(), 0u);
+  });
+  loop->Loop();
+  sender.join();
+  EXPECT_TRUE(sink->all == data);
+  EXPECT_GT(sink->turns, 10);
 }
 
 // A sender that never pauses cannot keep the loop's thread to itself.
@@ -602,59 +517,56 @@ TEST(TcpClient, FloodLeavesTurnsForOthers) {
   const auto loop = std::make_shared<EventLoop>();
   auto flood = TcpPair();
   auto quiet = TcpPair();
-  std::atomic<bool> over{false};
-  std::atomic<size_t> flooded{0};
   Station flooder(loop);
-  flooder.on_read = [&] { flooded = flooder.client->GetNativeSocket() != -1 ? flooded + 1 : 0; };
   Station other(loop);
   ASSERT_TRUE(flooder.client->UpdateSocket(flood.first));
   ASSERT_TRUE(other.client->UpdateSocket(quiet.first));
-  flood.second->SetBlocking(0);
+  flooder.on_read = [&] {
+    if (flooder.events.size() == 3) quiet.second->Send("hello", 5);
+    flooder.bytes.clear();
+  };
+  other.on_read = [&] { loop->Stop(); };
+  std::atomic<bool> over{false};
   std::thread sender([&] {
     const std::string data(1 << 20, 'f');
-    while (!over) flood.second->Send(data.data(), 1 << 20);
-  });
-  {
-    const LoopThread thread(loop);
-    EXPECT_TRUE(Await([&] { return flooded > 3; }));
+    const auto end = steady_clock::now() + std::chrono::seconds(20);
+    while (!over && steady_clock::now() < end) flood.second->Send(data.data(), 1 << 20);
+    EXPECT_TRUE(over) << "the other had its turn only when the flood was over";
     quiet.second->Send("hello", 5);
-    EXPECT_TRUE(Await([&] { return other.bytes() == "hello"; }));
-    const size_t before = flooded;
-    EXPECT_TRUE(Await([&] { return flooded > before + 3; }));
-    over = true;
-    sender.join();
-  }
+  });
+  loop->Loop();
+  over = true;
+  flooder.client->Disconnect();
+  sender.join();
+  EXPECT_EQ(other.bytes, "hello");
 }
 
-// The last bytes before a close: in the buffer without a word by default, delivered first on
-// request; the same behind a reset.
+// The last bytes before a close or a reset: in the buffer without a word by default, delivered
+// first on request.
 TEST(TcpClient, LastBytesBeforeTheEnd) {
-  for (const bool deliver : {false, true}) {
-    for (const bool reset : {false, true}) {
-      SCOPED_TRACE(std::string(deliver ? "deliver " : "keep ") + (reset ? "reset" : "close"));
-      const auto loop = std::make_shared<EventLoop>();
-      auto pair = TcpPair();
-      Station station(loop);
-      station.client->SetDeliverLastBytes(deliver);
-      ASSERT_TRUE(station.client->UpdateSocket(pair.first));
-      // A close with unread input is a reset.
-      ASSERT_TRUE(!reset || station.client->Send("unread", 6));
-      ASSERT_EQ(pair.second->Send(Pattern(100).data(), 100), 100);
-      pair.second.reset();
-      station.on_error = [&] { loop->Stop(); };
-      loop->Loop();
-      const std::string error = reset ? "socket error." : "recv failed.";
-      std::vector<std::string> expected = {error};
-      if (deliver) expected.insert(expected.begin(), "read 100");
-      EXPECT_EQ(station.events(), expected);
-      EXPECT_EQ(station.client->IsConnected(), !reset);
-      // A reset has closed the socket; behind a plain close a Send is still taken, and goes
-      // nowhere.
-      EXPECT_EQ(station.client->Send("x", 1), !reset);
-      station.client->Disconnect();
-      EXPECT_FALSE(station.client->IsConnected());
-      EXPECT_EQ(station.client->GetNativeSocket(), -1);
-    }
+  for (const int mode : {0, 1, 2, 3}) {
+    const bool deliver = (mode & 1) != 0;
+    const bool reset = (mode & 2) != 0;
+    SCOPED_TRACE(std::string(deliver ? "deliver " : "keep ") + (reset ? "reset" : "close"));
+    const auto loop = std::make_shared<EventLoop>();
+    auto pair = TcpPair();
+    Station station(loop);
+    station.client->SetDeliverLastBytes(deliver);
+    ASSERT_TRUE(station.client->UpdateSocket(pair.first));
+    // A close with unread input is a reset.
+    ASSERT_TRUE(!reset || station.client->Send("unread", 6));
+    ASSERT_EQ(pair.second->Send(Pattern(100).data(), 100), 100);
+    pair.second.reset();
+    station.on_error = [&] { loop->Stop(); };
+    loop->Loop();
+    Calls expected = {reset ? "socket error." : "recv failed."};
+    if (deliver) expected.insert(expected.begin(), "read 100");
+    EXPECT_EQ(station.events, expected);
+    // A reset has closed the socket; behind a plain close a Send is taken, and goes nowhere.
+    EXPECT_EQ(station.client->IsConnected(), !reset);
+    EXPECT_EQ(station.client->Send("x", 1), !reset);
+    station.client->Disconnect();
+    EXPECT_EQ(station.client->GetNativeSocket(), -1);
   }
 }
 
@@ -664,29 +576,26 @@ TEST(TcpClient, SlotsMayDropAndReconnect) {
     const auto loop = std::make_shared<EventLoop>();
     auto pair = TcpPair();
     auto next = TcpPair();
+    auto third = TcpPair();
     Station dropped(loop);
     Station renewed(loop);
     ASSERT_TRUE(dropped.client->UpdateSocket(pair.first));
     ASSERT_TRUE(renewed.client->UpdateSocket(next.first));
     ASSERT_TRUE(!reset || (dropped.client->Send("u", 1) && renewed.client->Send("u", 1)));
-    auto third = TcpPair();
     dropped.on_error = [&] { dropped.client.reset(); };
     renewed.on_error = [&] {
       renewed.client->Disconnect();
       EXPECT_TRUE(renewed.client->UpdateSocket(third.first));
-      loop->Stop();
+      third.second->Send("again", 5);
     };
+    renewed.on_read = [&] { loop->Stop(); };
     const std::weak_ptr<TcpClient> watch = dropped.client;
-    pair.first.reset();
     pair.second.reset();
     next.second.reset();
     loop->Loop();
     EXPECT_TRUE(watch.expired());
-    EXPECT_EQ(dropped.events().size(), 1u);
-    renewed.on_read = [&] { loop->Stop(); };
-    third.second->Send("again", 5);
-    loop->Loop();
-    EXPECT_EQ(renewed.bytes(), "again");
+    EXPECT_EQ(dropped.events.size(), 1u);
+    EXPECT_EQ(renewed.bytes, "again");
   }
 }
 

@@ -17,6 +17,8 @@ namespace bsp {
 
 namespace {
 
+constexpr size_t kResolveMost = size_t{1} << 20;  // a host with thousands of aliases and addresses
+
 // gethostbyname, in the form that two threads may call at once.
 bool Resolve(const std::string& host, in_addr* address) {
   std::vector<char> buffer(1024);
@@ -24,7 +26,8 @@ bool Resolve(const std::string& host, in_addr* address) {
   hostent* found = nullptr;
   int reason = 0;
   while (gethostbyname_r(host.c_str(), &entry, buffer.data(), buffer.size(), &found, &reason) ==
-         ERANGE) {
+             ERANGE &&
+         buffer.size() < kResolveMost) {
     buffer.resize(buffer.size() * 2);
   }
   if (found == nullptr || found->h_addr_list[0] == nullptr) return false;
@@ -230,6 +233,7 @@ bool Socket::SetOption(int level, int name, const void* value, unsigned int leng
 bool Socket::SetBlocking(int flag) {
   const int flags = fcntl(fd_, F_GETFL);
   if (flags == -1) {
+    const KeepErrno keep;
     BSP_LOG_ERROR(MOD_BSP, "Failed to get socket flags");
     return false;
   }

@@ -37,10 +37,14 @@ constexpr int kWaitMs = 1000;                  // bounds the time to Stop withou
 constexpr int kEventsPerFlush = 64;            // so that no queued frame waits for a batch of 1024
 constexpr uint64_t kWakeupTag = ~uint64_t{0};  // no descriptor is 0xffffffff
 
+// Behind the bytes that wait stands more: a close, or urgent data, which cuts a read short.
+constexpr uint32_t kKeepReading = EPOLLRDHUP | EPOLLPRI;
+
 uint32_t EpollFlags(unsigned int mask) {
   uint32_t flags = EPOLLET;
-  // EPOLLRDHUP brings no event of its own, as a close is readable anyway; it tells MayHaveClosed.
-  if ((mask & EVENT_READ) != 0) flags |= EPOLLIN | EPOLLRDHUP;
+  // The last two bring no event of their own, as a close and urgent data are readable anyway; they
+  // tell ShortReadEmpties.
+  if ((mask & EVENT_READ) != 0) flags |= EPOLLIN | kKeepReading;
   if ((mask & EVENT_WRITE) != 0) flags |= EPOLLOUT;
   if ((mask & EVENT_ERROR) != 0) flags |= EPOLLERR | EPOLLHUP;
   return flags;
@@ -181,13 +185,13 @@ void EventLoop::Wakeup() {
 }
 
 bool EventLoop::Defer(std::shared_ptr<EventHandler> handler) {
-  if (!IsLoopThread()) return false;
+  if (handler == nullptr || !IsLoopThread()) return false;
   deferred_.push_back(std::move(handler));
   return true;
 }
 
-bool EventLoop::MayHaveClosed() const {
-  return !IsLoopThread() || (current_flags_ & EPOLLRDHUP) != 0;
+bool EventLoop::ShortReadEmpties() const {
+  return IsLoopThread() && (current_flags_ & kKeepReading) == 0;
 }
 
 bool EventLoop::IsLoopThread() const { return loop_thread_ == std::this_thread::get_id(); }

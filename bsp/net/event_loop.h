@@ -38,7 +38,7 @@ class BSP_EXPORT EventHandler {
 // its own: whoever owns it calls Loop on one.
 //
 // Threads: AddEvent, UpdateEvent, RemoveEvent, Stop and Wakeup from any thread and from handlers;
-// Loop on one thread at a time; Defer and MayHaveClosed as told there. No lock is held while a
+// Loop on one thread at a time; Defer and ShortReadEmpties as told there. No lock is held while a
 // handler runs.
 class BSP_EXPORT EventLoop {
  public:
@@ -84,14 +84,14 @@ class BSP_EXPORT EventLoop {
 
   // From a handler, on the loop's thread: calls handler->OnWrite() once the events at hand are
   // done (at the latest after 64 of them), and holds the handler until then. So that what many
-  // events have queued for one connection leaves in one system call. False, with nothing noted, on
-  // any other thread and while no Loop runs.
+  // events have queued for one connection leaves in one system call. False, with nothing noted, for
+  // null, on any other thread and while no Loop runs.
   bool Defer(std::shared_ptr<EventHandler> handler);
 
-  // From OnRead: false when the event being handled tells for sure that the peer had not closed.
-  // Then a read that comes back short has emptied the socket, and what arrives behind it, the close
-  // included, is an event of its own. True in any other place.
-  bool MayHaveClosed() const;
+  // From OnRead: true when a read that comes back short has emptied the socket for sure, so that
+  // nobody needs to read on until it would block. What arrives behind it, the close included, is an
+  // event of its own. False in any other place.
+  bool ShortReadEmpties() const;
 
  private:
   struct Entry {

@@ -9,8 +9,8 @@
 //  - read_mutex_ does the same for reading. It is a mutex of its own because one recv copies up to
 //    100 KiB: callers would queue behind it. A close takes both and so waits for one non-blocking
 //    system call at most. Each recv looks first whether the socket is still the one it began with.
-//  - No signal is raised with either held. A slot may send, disconnect, or drop the last reference;
-//    the loop holds one of its own for the length of the call.
+//  - No signal is raised and no sink called with either held. A slot may send, disconnect, or drop
+//    the last reference; the loop holds one of its own for the length of the call.
 //
 // Writing. An idle connection writes straight from Send, out of the caller's memory, and costs no
 // transit through the loop. What the socket does not take is queued; readiness to write is armed
@@ -23,7 +23,7 @@
 // Reading goes through one area a thread, not one a connection: a thousand connections on one loop
 // share it. It begins on a page: an area 8 to 24 bytes behind one made the kernel's copy of a large
 // receive up to nine times slower. It is not on the stack: small threads have 64 KiB or less. A
-// large message can go round the area and the buffer (ReceiveInto): a megabyte through blocks costs
+// large message can go round the area and the buffer (ByteSink): a megabyte through blocks costs
 // two more copies and the page faults of memory that the allocator gives back after each.
 #include "bsp/net/tcp_client.h"
 
@@ -102,7 +102,6 @@ bool TcpClient::UpdateSocket(const std::shared_ptr<Socket>& socket) {
   socket_->SetBlocking(1);
   recv_data_ = MemoryBuffer::Create();
   send_data_ = MemoryBuffer::Create();
-  into_missing_ = 0;
   flush_noted_ = false;
   BSP_LOG_DEBUG(MOD_BSP, "add event %s[%d].", address_.Host(), address_.Port());
   armed_ = loop_->AddEvent(socket_, kIdleMask, this, weak_from_this()) ? kIdleMask : 0;
@@ -118,7 +117,6 @@ void TcpClient::Disconnect() {
     } while (WriteQueue() == Written::kMore && send_data_->size() < before);
   }
   loop_->RemoveEvent(socket_);
-  into_missing_ = 0;
   flush_noted_ = false;
   armed_ = 0;
   if (socket_ == nullptr) return;
@@ -172,21 +170,6 @@ bool TcpClient::SendDeferred(const char* data, size_t length) {
 size_t TcpClient::SendBacklog() {
   const std::lock_guard<std::mutex> lock(mutex_);
   return send_data_ != nullptr ? send_data_->size() : 0;
-}
-
-size_t TcpClient::ReceiveInto(char* dst, size_t length) {
-  const std::lock_guard<std::mutex> lock(read_mutex_);
-  if (dst == nullptr) length = 0;
-  const size_t waiting =
-      recv_data_ != nullptr && length > 0 ? recv_data_->ReadBytes(dst, length) : 0;
-  into_ = dst + waiting;
-  into_missing_ = length - waiting;
-  return into_missing_;
-}
-
-size_t TcpClient::ReceiveMissing() {
-  const std::lock_guard<std::mutex> lock(read_mutex_);
-  return into_missing_;
 }
 
 bool TcpClient::IsConnected() {
@@ -355,55 +338,37 @@ bool TcpClient::NoteFlush() {
 TcpClient::Got TcpClient::Read(const std::shared_ptr<Socket>& socket,
                                const std::shared_ptr<MemoryBuffer>& buffer, bool* any) {
   if (socket == nullptr) return Got::kGone;
-  const bool may_have_closed = loop_->MayHaveClosed();
+  const bool short_read_empties = loop_->ShortReadEmpties();
   size_t bytes = 0;
   for (int reads = 0; reads < kReadsPerTurn && bytes < kBytesPerTurn; ++reads) {
-    ReadStep step = {};
-    if (!ReadOnce(socket, buffer, &step)) return Got::kGone;
-    if (step.completes || step.is_sunk) *any = true;
-    // The slot may know where the next bytes are to go: it has its turn before they are read.
-    if (step.completes && step.is_direct) return Got::kMore;
-    if (step.got > 0) {
-      bytes += static_cast<size_t>(step.got);
-      if (static_cast<size_t>(step.got) < step.wanted && !may_have_closed) return Got::kAll;
-    } else if (step.got == -1 && IsBlocked(step.error)) {
+    size_t room = kChunk;
+    char* const sunk = sink_ != nullptr ? sink_->Room(buffer, &room) : nullptr;
+    room = std::min(room, sunk != nullptr ? kBytesPerTurn : kChunk);
+    char* const target = sunk != nullptr ? sunk : ReceiveArea();
+    int got = 0;
+    if (!Receive(socket, target, room, &got)) return Got::kGone;
+    if (got > 0) {
+      const auto count = static_cast<size_t>(got);
+      *any = true;
+      if (sunk == nullptr) buffer->WriteBytes(target, count);
+      if (sunk != nullptr && sink_->Took(count)) return Got::kMore;
+      if (count < room && short_read_empties) return Got::kAll;
+      bytes += count;
+    } else if (IsBlocked(-got)) {
       return Got::kAll;
-    } else if (step.got == 0 || (step.error != EINTR && !IsShortOfMemory(step.error))) {
+    } else if (got == 0 || (got != -EINTR && !IsShortOfMemory(-got))) {
       return Got::kFailed;
     }
   }
   return Got::kMore;
 }
 
-bool TcpClient::ReadOnce(const std::shared_ptr<Socket>& socket,
-                         const std::shared_ptr<MemoryBuffer>& buffer, ReadStep* step) {
-  char* const area = ReceiveArea();
-  {
-    const std::lock_guard<std::mutex> lock(read_mutex_);
-    if (socket_ != socket) return false;
-    char* sunk = nullptr;
-    step->is_direct = into_missing_ > 0;
-    step->wanted = step->is_direct ? std::min(into_missing_, kBytesPerTurn) : kChunk;
-    if (!step->is_direct && sink_ != nullptr) sunk = sink_->Room(buffer, &step->wanted);
-    step->wanted = std::min(step->wanted, sunk != nullptr ? kBytesPerTurn : kChunk);
-    char* const target = step->is_direct ? into_ : sunk != nullptr ? sunk : area;
-    step->got = socket->Recv(target, static_cast<int>(step->wanted));
-    step->error = Socket::ErrorNo();
-    if (step->got <= 0) return true;
-    if (sunk != nullptr) {
-      step->is_sunk = true;
-      step->is_direct = step->completes = sink_->Took(static_cast<size_t>(step->got));
-      return true;
-    }
-    step->completes = true;
-    if (step->is_direct) {
-      into_ += step->got;
-      into_missing_ -= static_cast<size_t>(step->got);
-      step->completes = into_missing_ == 0;
-      return true;
-    }
-  }
-  buffer->WriteBytes(area, static_cast<size_t>(step->got));
+bool TcpClient::Receive(const std::shared_ptr<Socket>& socket, char* target, size_t length,
+                        int* got) {
+  const std::lock_guard<std::mutex> lock(read_mutex_);
+  if (socket_ != socket) return false;
+  *got = socket->Recv(target, static_cast<int>(length));
+  if (*got == -1) *got = -Socket::ErrorNo();
   return true;
 }
 

@@ -18,15 +18,16 @@
 namespace bsp {
 
 // Where received bytes are to lie when not in the receive buffer: for a user that knows from the
-// bytes so far that a large piece follows, and saves it the way through the blocks.
+// bytes so far that a large piece follows, and saves it the way through the blocks. Serves one
+// connection.
 //
-// Threads: the loop's.
+// Threads: called on the loop's, with no lock held.
 class BSP_EXPORT ByteSink {
  public:
   virtual ~ByteSink();
 
   // Memory for the bytes that follow those in `buffer`, which it may take out, and in *room its
-  // size. Null: they go to the buffer, *room at a time.
+  // size, at least 1. Null: they go to the buffer, at most *room at a time.
   virtual char* Room(const std::shared_ptr<MemoryBuffer>& buffer, size_t* room) = 0;
 
   // That many bytes were put there. True: SignalRead comes before anything more is read.
@@ -49,7 +50,8 @@ class BSP_EXPORT TcpClient : public EventHandler, public std::enable_shared_from
   // "socket error.", "recv_data_ is null." and "send_data_ is null.".
   sigslot::signal2<std::shared_ptr<TcpClient>, std::shared_ptr<MSError>> SignalError;
 
-  // New bytes are in the buffer. The slot takes what it can use; the rest stays for the next time.
+  // New bytes are in the buffer, or with the sink. The slot takes what it can use; the rest stays
+  // for the next time. Raised when the socket is empty, and in between after 1.6 MB.
   sigslot::signal2<std::shared_ptr<TcpClient>, std::shared_ptr<MemoryBuffer>> SignalRead;
 
   explicit TcpClient(std::shared_ptr<EventLoop> loop);
@@ -85,17 +87,6 @@ class BSP_EXPORT TcpClient : public EventHandler, public std::enable_shared_from
 
   // Bytes queued and not yet taken by the socket.
   size_t SendBacklog();
-
-  // For messages much larger than a socket buffer, from a slot of SignalRead: the next `length`
-  // bytes of the stream go to `dst`, first those that wait in the buffer, the rest straight from
-  // the kernel as they come. Returns how many are missing; 0: all are there, and nothing more
-  // happens. Else SignalRead comes once they have arrived, with what follows them in the buffer,
-  // and not before; `dst` stays the caller's and valid until then, until a call with length 0
-  // (which gives up what is missing), or until Disconnect has returned.
-  size_t ReceiveInto(char* dst, size_t length);
-
-  // Bytes that ReceiveInto waits for.
-  size_t ReceiveMissing();
 
   // There is a valid socket. It tells about this end only: true still after the peer has closed,
   // until Disconnect.
@@ -141,16 +132,6 @@ class BSP_EXPORT TcpClient : public EventHandler, public std::enable_shared_from
     kGone     // disconnected meanwhile
   };
 
-  // What one recv gave.
-  struct ReadStep {
-    size_t wanted;   // bytes asked for
-    int got;         // its result
-    int error;       // errno
-    bool is_direct;  // it went to the caller's memory
-    bool is_sunk;    // it went to the sink's
-    bool completes;  // the slot has something to look at
-  };
-
   // With mutex_ held.
   bool HasSocket() const { return socket_ != nullptr && socket_->IsValid(); }
   bool CanSend(const char* data, size_t length) const;
@@ -169,9 +150,9 @@ class BSP_EXPORT TcpClient : public EventHandler, public std::enable_shared_from
   // *any: the slot has something to look at.
   Got Read(const std::shared_ptr<Socket>& socket, const std::shared_ptr<MemoryBuffer>& buffer,
            bool* any);
-  // One recv, into the caller's memory or the buffer. False when the socket is not ours any more.
-  bool ReadOnce(const std::shared_ptr<Socket>& socket, const std::shared_ptr<MemoryBuffer>& buffer,
-                ReadStep* step);
+  // One recv; *got is its result, or the negative errno. False when the socket is not ours any
+  // more.
+  bool Receive(const std::shared_ptr<Socket>& socket, char* target, size_t length, int* got);
   void ReadAgain(const std::shared_ptr<Socket>& socket);
   bool Unregister(const std::shared_ptr<Socket>& socket);
   bool HasOtherSocket(const std::shared_ptr<Socket>& socket);
@@ -184,9 +165,7 @@ class BSP_EXPORT TcpClient : public EventHandler, public std::enable_shared_from
 
   // The two are taken in this order. socket_ and recv_data_ change with both held and are read with
   // either; read_mutex_ is held over each recv, so that a close waits for it.
-  std::mutex read_mutex_;  // guards the two fields below
-  char* into_ = nullptr;   // where the next into_missing_ bytes of the stream go
-  size_t into_missing_ = 0;
+  std::mutex read_mutex_;
   std::mutex mutex_;  // guards the fields below
   std::shared_ptr<Socket> socket_;
   std::shared_ptr<MemoryBuffer> recv_data_;  // its content belongs to the loop's thread

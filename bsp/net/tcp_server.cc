@@ -84,19 +84,17 @@ void TcpServer::OpenReserve() {
 }
 
 bool TcpServer::TurnAway() {
-  if (reserve_fd_ == -1) return false;
   int count = 0;
-  for (; count < kAcceptsPerTurn; ++count) {
+  while (reserve_fd_ != -1 && count < kAcceptsPerTurn) {
     Socket::Close(reserve_fd_);
-    const bool accepted = socket_->Accept() != nullptr;  // and closed again
+    const bool is_accepted = socket_->Accept() != nullptr;  // and closed again
     OpenReserve();
-    if (!accepted || reserve_fd_ == -1) break;
+    if (!is_accepted) break;
+    ++count;
   }
-  if (count > 0) {
-    BSP_LOG_ERROR(MOD_BSP, "no descriptor left, %d connections turned away: raise the limit",
-                  count);
-  }
-  return count > 0;
+  if (count == 0) return false;
+  BSP_LOG_ERROR(MOD_BSP, "no descriptor left, %d connections turned away: raise the limit", count);
+  return true;
 }
 
 }  // namespace bsp

@@ -60,7 +60,7 @@ class BSP_EXPORT TcpServer : public EventHandler, public std::enable_shared_from
 
  private:
   void OpenReserve();
-  // Accepts and closes what waits while no descriptor is left. False when there is no reserve.
+  // Accepts and closes what waits while no descriptor is left. False when nobody was turned away.
   bool TurnAway();
 
   const std::shared_ptr<EventLoop> loop_;
