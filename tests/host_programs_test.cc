@@ -42,7 +42,8 @@ class Manager {
 };
 
 // A manager that hears no READY restarts a good service for ever; one that hears WATCHDOG from
-// anything but the loop never restarts a hung one.
+// anything but the loop never restarts a hung one. Standard output is a pipe that nobody reads any
+// more, which must end no program.
 TEST(HostPrograms, TellTheServiceManager) {
   NEED_PRIVATE_WORLD();
   const std::string dir = test::MakeTempDir();
@@ -55,7 +56,10 @@ TEST(HostPrograms, TellTheServiceManager) {
     Manager manager(path);
     setenv("NOTIFY_SOCKET", path.c_str(), 1);
     setenv("WATCHDOG_USEC", "600000", 1);
-    Child program = Child::Run(programs[i]);
+    std::vector<std::string> with_dead_output = {
+        "/bin/sh", "-c", "mkfifo $0 && exec 3<>$0 4>$0 3<&- && exec \"$@\" >&4", path + ".out"};
+    with_dead_output.insert(with_dead_output.end(), programs[i].begin(), programs[i].end());
+    Child program = Child::Run(with_dead_output);
     unsetenv("NOTIFY_SOCKET");
     unsetenv("WATCHDOG_USEC");
 
