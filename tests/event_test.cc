@@ -86,13 +86,12 @@ TEST(EventService, RunsWhatAModelRuns) {
         service.Post(id, func);
         model[{0, serial}] = id;
       } else if (what < 18) {
-        // Far apart, so that the clock moving between two posts leaves their order alone; the
-        // shortest of all delays is due at 1, like every one that reaches back behind 0.
-        const bool is_shortest = random() % 8 == 0;
-        const long delay = is_shortest ? std::numeric_limits<long>::min()
-                                       : -static_cast<long>(random() % 3) * 1000 - 500;
+        // Far apart, so that the clock moving between two posts leaves their order alone; one that
+        // reaches back behind 0, such as the shortest, is due at 1.
+        const long delays[] = {-500, -1500, -2500, std::numeric_limits<long>::min() / 2};
+        const long delay = delays[random() % 4];
         service.PostDelay(id, delay, func);
-        model[{is_shortest ? 1 : TimeUtil::ClockMillis() + delay, serial}] = id;
+        model[{std::max<int64_t>(TimeUtil::ClockMillis() + delay, 1), serial}] = id;
       } else if (what == 18) {
         const int cleared = random() % 30 == 0 ? 0 : random_id();
         service.Clear(cleared);
@@ -240,57 +239,46 @@ TEST(EventService, LosesNothingUnderLoad) {
   EXPECT_TRUE(is_ordered);
 }
 
-// A Stop waits for the handler that runs and leaves the messages behind it queued; at any other
-// time it does no harm.
-TEST(EventService, StopWaitsForTheHandler) {
+// A Stop waits for the handler that runs and leaves the messages behind it queued; a handler does
+// to its own service what any thread may: post, clear, stop, start again.
+TEST(EventService, HandlersAndStop) {
   EventService service;
-  Semaphore entered;
   Semaphore done;
+  std::string order;
   service.Stop();
-  std::atomic<bool> has_ended{false};
-  service.Post(1, [&](Message*) {
-    entered.Signal();
-    TimeUtil::SleepMs(30);
-    has_ended = true;
+  service.Post(7, [&](Message*) {
+    service.Post(8, [&](Message*) { order += "cleared too late"; });
+    service.PostDelay(9, 1, [&](Message*) {
+      service.Clear(0);
+      EXPECT_NE(service.Start(), nullptr);
+      service.Stop();
+      order += "b";
+      done.Signal();
+    });
+    service.Clear(8);
+    service.Clear(7);  // itself: it is not waiting any more
+    order += "a";
   });
-  service.Start();
+  EXPECT_EQ(service.Start(), nullptr);
+  ASSERT_TRUE(done.Wait(kPatienceMs));
+  service.Post(1, [&](Message*) {
+    done.Signal();
+    TimeUtil::SleepMs(30);
+    order += "c";
+  });
+  EXPECT_EQ(service.Start(), nullptr);
   EXPECT_NE(service.Start(), nullptr);  // refused, the first one goes on
-  ASSERT_TRUE(entered.Wait(kPatienceMs));
+  ASSERT_TRUE(done.Wait(kPatienceMs));
   std::thread other([&] { service.Stop(); });
   service.Stop();
-  EXPECT_TRUE(has_ended);
+  EXPECT_EQ(order, "abc");
   other.join();
   service.Post(1, [&](Message*) { done.Signal(); });
   service.Stop();
   EXPECT_FALSE(done.Wait(0));
   service.Start();
   EXPECT_TRUE(done.Wait(kPatienceMs));
-}
-
-// A handler does to its own service what any thread may: post, clear, stop, start again.
-TEST(EventService, HandlerMayUseItsOwnService) {
-  const auto service = EventService::Create("own", 50);
-  Semaphore done;
-  std::string order;
-  service->Post(7, [&](Message*) {
-    service->Post(8, [&](Message*) { order += "cleared too late"; });
-    service->PostDelay(9, 1, [&](Message*) {
-      service->Clear(0);
-      EXPECT_NE(service->Start(), nullptr);
-      service->Stop();
-      order += "b";
-      done.Signal();
-    });
-    service->Clear(8);
-    service->Clear(7);  // itself: it is not waiting any more
-    order += "a";
-  });
-  EXPECT_EQ(service->Start(), nullptr);
-  ASSERT_TRUE(done.Wait(kPatienceMs));
-  service->Post(1, [&](Message*) { done.Signal(); });
-  EXPECT_EQ(service->Start(), nullptr);
-  ASSERT_TRUE(done.Wait(kPatienceMs));
-  EXPECT_EQ(order, "ab");
+  service.Stop();
 }
 
 // What a message holds may use the service as it goes, cleared or at the service's own end; and the
