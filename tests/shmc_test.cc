@@ -95,49 +95,40 @@ TEST_F(Shmc, LinkTableBytes) {
   EXPECT_EQ(table.free_nodes(), 3u);
 }
 
-// Sizes that no segment can have are refused before anything is attached or multiplied.
-TEST_F(Shmc, ImpossibleSizesAreRefused) {
-  const size_t most = std::numeric_limits<size_t>::max();
-  Reports reports;
-  for (const auto& [size, count] : std::vector<std::pair<size_t, size_t>>{
-           {3, 10}, {4, 0}, {0xffffffff, 1}, {4, 0xffffffff}, {most - 3, 2}, {8, most}}) {
-    EXPECT_FALSE(LinkTable().InitForWrite(test::kLinkName, size, count));
-    EXPECT_EQ(reports.Take(), "1 ShmLinkTable::InitForWrite: invalid user_node parma\n");
-  }
-  for (const size_t capacity : {size_t{0}, size_t{0xcccccccd}}) {
-    EXPECT_FALSE(HashTable().InitForWrite(test::kHashName, capacity));
-    EXPECT_EQ(reports.Take(), "1 ShmHashTable::InitForWrite: bad capacity\n");
-  }
-  EXPECT_EQ(test::ShmAlloc().Attach_ReadOnly(test::kLinkName, 1, nullptr), nullptr);
-}
-
 // Geometry decides where keys lie: it must be the same in every process and release. It stands on
-// the prime search, which is fast also at the end of 32 bits.
-TEST_F(Shmc, HashTableGeometry) {
+// the prime search, which is fast also at the end of 32 bits. Sizes that no segment can have are
+// refused before anything is attached or multiplied.
+TEST_F(Shmc, GeometryAndImpossibleSizes) {
+  Reports reports;
+  const std::pair<size_t, const char*> capacities[] = {{1, "rows=6 nodes=92 cap=85"},
+                                                       {50, "rows=6 nodes=92 cap=85"},
+                                                       {100, "rows=7 nodes=189 cap=177"},
+                                                       {1000, "rows=9 nodes=1480 cap=1455"},
+                                                       {10000, "rows=11 nodes=12448 cap=12413"}};
+  for (const auto& [capacity, geometry] : capacities) {
+    RemoveSegments();
+    HashTable table;
+    ASSERT_TRUE(table.InitForWrite(test::kHashName, capacity));
+    EXPECT_EQ(reports.Take(), std::string("3 ShmHashTable::InitForWrite: ") + geometry + "\n");
+    EXPECT_EQ(table.expected_capacity(), table.ideal_capacity() * 85 / 100);
+  }
+  const RawSegment raw(test::kHashName);
+  ASSERT_EQ(raw.size(), 112u + 16 * 12448);
+  const uint32_t head[] = {0x68736148, 0x32626154, 0x10000, 112, 16, 12448, 5000, 60, 11, 0};
+  for (size_t i = 0; i < 10; ++i) EXPECT_EQ(raw.Get<uint32_t>(i * 4), head[i]) << i;
   size_t prime = 0;
   EXPECT_TRUE(Utils<void>::GetPrimeArray(0xffffffff, 1, &prime));
   EXPECT_EQ(prime, 4294967291u);
-  struct Case {
-    size_t capacity, nodes, rows, usable, expected;
-  };
-  for (const Case& c : std::vector<Case>{{1, 92, 6, 85, 72},
-                                         {50, 92, 6, 85, 72},
-                                         {100, 189, 7, 177, 150},
-                                         {1000, 1480, 9, 1455, 1236},
-                                         {10000, 12448, 11, 12413, 10551}}) {
-    SCOPED_TRACE(c.capacity);
-    RemoveSegments();
-    Map writer;
-    ASSERT_TRUE(writer.InitForWrite(test::kMapName, c.capacity, 8, 8));
-    HashTable reader;
-    ASSERT_TRUE(reader.InitForRead(test::kHashName));
-    EXPECT_EQ(reader.ideal_capacity(), c.usable);
-    EXPECT_EQ(reader.expected_capacity(), c.expected);
-    const RawSegment raw(test::kHashName);
-    EXPECT_EQ(raw.size(), 112 + 16 * c.nodes);
-    const uint64_t head[] = {0x3262615468736148u, 112ul << 32 | 0x10000, c.nodes << 32 | 16};
-    for (size_t i = 0; i < 3; ++i) EXPECT_EQ(raw.Get<uint64_t>(i * 8), head[i]) << i;
-    EXPECT_EQ(raw.Get<uint64_t>(28), c.rows << 32 | 60);
+  EXPECT_FALSE(HashTable().InitForWrite("0x6a00000f", 0));
+  EXPECT_FALSE(HashTable().InitForWrite("0x6a00000f", 0xcccccccd));
+  EXPECT_EQ(reports.Take(),
+            "1 ShmHashTable::InitForWrite: bad capacity\n"
+            "1 ShmHashTable::InitForWrite: bad capacity\n");
+  const size_t most = std::numeric_limits<size_t>::max();
+  for (const auto& [size, count] : std::vector<std::pair<size_t, size_t>>{
+           {3, 10}, {4, 0}, {0xffffffff, 1}, {4, 0xffffffff}, {most - 3, 2}, {8, most}}) {
+    EXPECT_FALSE(LinkTable().InitForWrite("0x6a00000f", size, count));
+    EXPECT_EQ(reports.Take(), "1 ShmLinkTable::InitForWrite: invalid user_node parma\n");
   }
 }
 
