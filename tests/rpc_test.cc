@@ -4,10 +4,10 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <condition_variable>
+#include <atomic>
 #include <cstring>
+#include <functional>
 #include <future>
-#include <mutex>
 #include <thread>
 
 #include "bsp/net/rpc/rpc_client.h"
@@ -76,44 +76,38 @@ std::future<int> CallUnanswered(const std::shared_ptr<RpcClient>& client, RpcPee
   return call;
 }
 
+bool Await(const std::function<bool()>& condition) {
+  const auto last = steady_clock::now() + std::chrono::milliseconds(kPatienceMs);
+  while (!condition() && steady_clock::now() < last) std::this_thread::yield();
+  return condition();
+}
+
 struct Slots : public sigslot::has_slots<> {
   void OnMessage(std::shared_ptr<RpcClient> client, RpcHeader*) { on_message(client); }
-  void OnError(std::shared_ptr<RpcClient>, std::shared_ptr<MSError>) {
-    const std::lock_guard<std::mutex> lock(mutex);
-    ++errors;
-    changed.notify_all();
-  }
-  bool WaitForErrors(int count) {
-    std::unique_lock<std::mutex> lock(mutex);
-    return changed.wait_for(lock, std::chrono::milliseconds(kPatienceMs),
-                            [&] { return errors >= count; });
-  }
+  void OnError(std::shared_ptr<RpcClient>, std::shared_ptr<MSError>) { ++errors; }
   std::function<void(const std::shared_ptr<RpcClient>&)> on_message;
-  std::mutex mutex;
-  std::condition_variable changed;
-  int errors = 0;
+  std::atomic<int> errors{0};
 };
 
 // The delimiter decides over every byte that both ends read: each side of each limit.
 TEST(RpcFrame, DelimiterKeepsItsLimits) {
-  std::string frame = RpcBytes(RPC_TYPE_MESSAGE, 1, "a", std::string(396, 'p'));
-  const auto look_at = [](const std::string& bytes) {
-    const auto buffer = MemoryBuffer::Create();
-    buffer->WriteBytes(bytes.data(), bytes.size());
-    const int result = bsp::IsHadRpcPack(buffer);
-    EXPECT_EQ(buffer->ToString(), bytes);
-    return result;
-  };
-  EXPECT_EQ(bsp::IsHadRpcPack(nullptr), 0);
-  EXPECT_EQ(look_at(std::string(103, 'x')), 0);
-  EXPECT_EQ(look_at(std::string(104, 'x')), -1);
-  EXPECT_EQ(look_at(frame.substr(0, 499)), 0);
-  EXPECT_EQ(look_at(frame), 500);
-  EXPECT_EQ(look_at(frame + std::string(5000, 'q')), 500);
+  const std::string frame = RpcBytes(RPC_TYPE_MESSAGE, 1, "a", std::string(396, 'p'));
+  std::vector<std::pair<std::string, int>> cases = {{std::string(103, 'x'), 0},
+                                                    {std::string(104, 'x'), -1},
+                                                    {frame.substr(0, 499), 0},
+                                                    {frame, 500},
+                                                    {frame + std::string(5000, 'q'), 500}};
   for (const int size : {INT32_MIN, -1, 0, 1, 103}) {
-    memcpy(&frame[4], &size, sizeof size);
-    EXPECT_EQ(look_at(frame), std::max(size, 0));
+    cases.emplace_back(frame, std::max(size, 0));
+    memcpy(&cases.back().first[4], &size, sizeof size);
   }
+  for (const auto& one : cases) {
+    const auto buffer = MemoryBuffer::Create();
+    buffer->WriteBytes(one.first.data(), one.first.size());
+    EXPECT_EQ(bsp::IsHadRpcPack(buffer), one.second);
+    EXPECT_EQ(buffer->ToString(), one.first);
+  }
+  EXPECT_EQ(bsp::IsHadRpcPack(nullptr), 0);
 }
 
 // Without a descriptor for their loop both ends refuse to start.
@@ -155,7 +149,7 @@ TEST(RpcServer, StartsAndStops) {
   EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(15));  // unwoken: 30
 
   ASSERT_EQ(server.Start("127.0.0.1", port), nullptr);
-  while (ticks == 0) std::this_thread::yield();
+  EXPECT_TRUE(Await([&] { return ticks > 0; }));
 }
 
 // What a client writes, and what it makes of each kind of answer.
@@ -282,8 +276,8 @@ TEST(RpcClient, TellsWhatIsWrong) {
     client->SignalError.connect(&slots, &Slots::OnError);
     std::string bytes(104, '\0');  // a frame of size 0
     memcpy(&bytes[0], &magic, sizeof magic);
-    EXPECT_TRUE(peer.Send(bytes) && slots.WaitForErrors(1));
-    EXPECT_TRUE(peer.Send("more") && slots.WaitForErrors(2));
+    EXPECT_TRUE(peer.Send(bytes) && Await([&] { return slots.errors == 1; }));
+    EXPECT_TRUE(peer.Send("more") && Await([&] { return slots.errors == 2; }));
     EXPECT_TRUE(client->IsConnected());
     client->Close();
   }
@@ -299,7 +293,7 @@ TEST(RpcClient, TellsWhatIsWrong) {
     auto call = CallUnanswered(client, &peer, is_asked ? 100 * kPatienceMs : 200);
     peer.Close();
     EXPECT_EQ(call.get(), is_asked ? -1 : -3);
-    EXPECT_TRUE(slots.WaitForErrors(is_asked ? 1 : 0));
+    EXPECT_TRUE(Await([&] { return slots.errors == (is_asked ? 1 : 0); }));
     EXPECT_EQ(client->IsConnected(), !is_asked);
     client->Close();
     EXPECT_EQ(slots.errors, is_asked ? 1 : 0);
@@ -355,8 +349,9 @@ TEST(RpcClient, EndsFromEverySide) {
     Slots slots;
     std::promise<void> done;
     std::atomic<int> calls{0};
+    const int goal = round < 10 ? 60 : 50;  // the last of all messages, or one under traffic
     slots.on_message = [&](const std::shared_ptr<RpcClient>& self) {
-      if (++calls != 50) return;
+      if (++calls != goal) return;
       self->Close();  // refused
       EXPECT_TRUE(self->IsConnected());
       if (round % 2 == 0) client.reset();  // `self` and the loop's own are left
@@ -376,8 +371,7 @@ TEST(RpcClient, EndsFromEverySide) {
     done.get_future().get();
     if (round % 2 != 0) client.reset();
     RpcPeer asking(broker.port);
-    while (asking.Ask(test::RpcCheck("end")) == 0) {
-    }
+    EXPECT_TRUE(Await([&] { return asking.Ask(test::RpcCheck("end")) == -2; }));
     RpcClient().Close();  // joins a thread that could not be joined by itself
     EXPECT_TRUE(watched.expired());
   }

@@ -247,6 +247,10 @@ void RpcClient::Close() {
   const std::shared_ptr<TcpClient> client = Connection();
   if (client == nullptr) return;
   SetConnection(nullptr);
+  // Not left to its destructor, which may run on the thread of a caller who is about to leave Send,
+  // at the same time as the next Open connects to this object.
+  client->SignalError.disconnect_all();
+  client->SignalRead.disconnect_all();
   client->Disconnect();
 }
 
