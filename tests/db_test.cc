@@ -8,9 +8,7 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
-#include <stdexcept>
 #include <thread>
-#include <vector>
 
 #include "bsp/log/log.h"
 #include "bsp/util/file_util.h"
@@ -24,56 +22,47 @@ using bsp::DataBaseOptions;
 using bsp::FileUtil;
 
 constexpr DataBaseOptions kAllOptions = {true, true};
+const std::string kInsert = "INSERT INTO t VALUES (?, ?)";
 
 // Failures are expected here, and each is told in a line.
 const bool g_is_silent = (g_log_level = BSP_LEVEL_EMERG, true);
 
 #define EXPECT_OK(call) EXPECT_EQ(TextOf(call), "")
-#define ASSERT_OK(call) ASSERT_EQ(TextOf(call), "")
 #define EXPECT_FAILS(call, part) EXPECT_NE(TextOf(call).find(part), std::string::npos)
 
 std::string TextOf(const std::shared_ptr<MSError>& error) { return error ? error->Message() : ""; }
 
 std::string One(DataBase& db, const std::string& sql) { return test::Query(db, sql).at(0); }
 
+std::string BytesOf(const std::string& path) {
+  std::string bytes;
+  FileUtil::ReadToString(path, bytes);
+  return bytes;
+}
+
 // A file with one table "t" of `rows` rows.
 std::string MakeDatabase(const std::string& path, int rows, const DataBaseOptions& options = {}) {
   DataBase db(options);
   EXPECT_OK(db.Init(path));
   EXPECT_OK(db.Exec("CREATE TABLE t (a INTEGER, b TEXT); CREATE INDEX i ON t (b); BEGIN;"));
-  for (int i = 0; i < rows; ++i) {
-    EXPECT_OK(db.ExecBound("INSERT INTO t VALUES (?, ?)", {i, {"some text", 9}}));
-  }
+  for (int i = 0; i < rows; ++i) EXPECT_OK(db.ExecBound(kInsert, {i, {"some text", 9}}));
   EXPECT_OK(db.Exec("COMMIT;"));
   return path;
 }
-
-void Overwrite(const std::string& path, std::streamoff at, const std::string& bytes) {
-  std::fstream(path, std::ios::in | std::ios::out).seekp(at) << bytes;
-}
-
-// Ways to damage a database file of some 20 pages.
-const std::function<void(const std::string&)> kDamages[] = {
-    [](const std::string& path) { FileUtil::WriteToFile(path, std::string(20000, 'g')); },
-    [](const std::string& path) { ASSERT_EQ(truncate(path.c_str(), 3 * 4096 + 100), 0); },
-    [](const std::string& path) { Overwrite(path, 4096, std::string(4096, '\x7f')); },
-    [](const std::string& path) { Overwrite(path, 16, "\xff\xff"); },  // size of a page
-};
 
 // Each setting really holds, and a file may change hands between the journals without loss.
 TEST(DataBase, SettingsHoldAndContentStays) {
   const std::string path = MakeDatabase(test::MakeTempDir() + "/d", 300);
   for (const bool journal : {false, true, true, false}) {
     DataBase db(DataBaseOptions{journal, false});
-    ASSERT_OK(db.Init(path));
-    EXPECT_EQ(One(db, "SELECT count(*) FROM t"), "300");
-    std::string settings;
+    EXPECT_OK(db.Init(path));
+    std::string settings = One(db, "SELECT count(*) FROM t");
     for (const char* name : {"journal_mode", "synchronous", "mmap_size", "temp_store", "cache_size",
                              "soft_heap_limit", "page_size", "locking_mode", "auto_vacuum"}) {
-      settings += One(db, std::string("PRAGMA ") + name) + " ";
+      settings += " " + One(db, std::string("PRAGMA ") + name);
     }
-    EXPECT_EQ(settings,
-              std::string(journal ? "wal" : "memory") + " 2 0 2 200 1048576 4096 exclusive 0 ");
+    EXPECT_EQ(settings, std::string("300 ") + (journal ? "wal" : "memory") +
+                            " 2 0 2 200 1048576 4096 exclusive 0");
     EXPECT_FALSE(FileUtil::IsFileExist(path + "-shm"));
   }
   EXPECT_FALSE(FileUtil::IsFileExist(path + "-wal"));  // an orderly close leaves one file
@@ -83,24 +72,19 @@ TEST(DataBase, SettingsHoldAndContentStays) {
 // of the old; with keep_damaged the first stays to be looked at, byte for byte, and no side file of
 // the old is taken for one of the new.
 TEST(DataBase, DamagedFileIsReplaced) {
-  for (const auto& damage : kDamages) {
+  const std::pair<int, std::string> damages[] = {
+      {0, std::string(90000, 'g')}, {4096, std::string(4096, '\x7f')}, {16, "\xff\xff"}, {-1, ""}};
+  for (const auto& damage : damages) {
     for (const DataBaseOptions& options : {DataBaseOptions(), kAllOptions}) {
       const std::string path = MakeDatabase(test::MakeTempDir() + "/d", 1000, options);
-      damage(path);
-      std::string first;
-      std::string kept;
-      ASSERT_TRUE(FileUtil::ReadToString(path, first));
-      for (int i = 0; i < 2; ++i) {
+      std::fstream(path, std::ios::in | std::ios::out).seekp(damage.first) << damage.second;
+      if (damage.first == -1) std::filesystem::resize_file(path, 3 * 4096 + 100);
+      const std::string first = BytesOf(path);
+      for (int twice = 0; twice < 2; ++twice) {
         FileUtil::WriteToFile(path + "-shm", "leftover");
-        DataBase db(options);
-        ASSERT_OK(db.Init(path));
-        EXPECT_EQ(One(db, "SELECT count(*) FROM sqlite_master"), "0");
-        EXPECT_OK(db.Exec("CREATE TABLE t (a)"));
+        EXPECT_EQ(test::QueryFile(path, "SELECT count(*) FROM sqlite_master", options).at(0), "0");
         EXPECT_EQ(FileUtil::IsFileExist(path + "-shm"), !options.keep_damaged);
-        EXPECT_EQ(FileUtil::IsFileExist(path + ".damaged"), options.keep_damaged);
-        if (options.keep_damaged) FileUtil::ReadToString(path + ".damaged", kept);
-        EXPECT_TRUE(kept == (options.keep_damaged ? first : ""));
-        db.Close();
+        EXPECT_TRUE(BytesOf(path + ".damaged") == (options.keep_damaged ? first : ""));
         FileUtil::WriteToFile(path, std::string(5000, 'g'));
       }
     }
@@ -110,7 +94,6 @@ TEST(DataBase, DamagedFileIsReplaced) {
 // What cannot be used is a failure that leaves nothing open and names the remedy, and with
 // keep_damaged it never costs a sound file. A closed object refuses all.
 TEST(DataBase, UnusableFiles) {
-  NEED_PRIVATE_WORLD();
   const std::string dir = test::MakeTempDir();
   const std::string path = MakeDatabase(dir + "/d", 10);
   const auto open_files = [] {
@@ -122,26 +105,18 @@ TEST(DataBase, UnusableFiles) {
   DataBase db(kAllOptions);
   EXPECT_FAILS(stock.Init(dir + "/none/d"), "Failed to remove corrupted database: " + dir);
   EXPECT_FAILS(stock.Init(dir), "errno=39");  // a folder that is not empty
-  EXPECT_FAILS(db.Init(dir), "cannot use database " + dir);
   EXPECT_FAILS(db.Init(dir + "/none/d"), "is its folder there?");
+  EXPECT_OK(stock.Init(path));
+  EXPECT_OK(stock.Exec("DELETE FROM t WHERE a = 0"));  // takes the lock for good
+  EXPECT_FAILS(db.Init(path), "does another process hold it?");
+  EXPECT_OK(stock.Init(path));  // closes first
+  EXPECT_OK(stock.Close());
   EXPECT_EQ(open_files(), before);
   EXPECT_FAILS(db.Exec("SELECT 1"), "Exec: db_ is nullptr");
   EXPECT_FAILS(db.Query("SELECT 1", nullptr), "Query: database not initialized");
   EXPECT_FAILS(db.ExecBound("SELECT 1", {}), "Exec: db_ is nullptr");
   EXPECT_FAILS(db.Backup(dir + "/b"), "db_ is nullptr");
-  EXPECT_FALSE(db.IsInTransaction());
-
-  ASSERT_OK(stock.Init(path));
-  ASSERT_OK(stock.Exec("DELETE FROM t WHERE a = 0"));  // takes the lock for good
-  EXPECT_FAILS(db.Init(path), "does another process hold it?");
-  EXPECT_OK(stock.Init(path));  // closes first
-  EXPECT_OK(stock.Close());
-  EXPECT_EQ(open_files(), before);
-  ASSERT_EQ(mount(dir.c_str(), dir.c_str(), nullptr, MS_BIND, nullptr), 0);
-  ASSERT_EQ(mount(nullptr, dir.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0);
-  EXPECT_FAILS(db.Init(path), "may this process write it?");
-  ASSERT_EQ(umount(dir.c_str()), 0);
-  EXPECT_EQ(test::QueryFile(path, "SELECT count(*) FROM t", kAllOptions), test::Rows{"9"});
+  EXPECT_EQ(test::QueryFile(path, "SELECT count(*) FROM t").at(0), "9");
 }
 
 // A failed statement or callback names itself and the reason and leaves connection and transaction
@@ -149,29 +124,24 @@ TEST(DataBase, UnusableFiles) {
 TEST(DataBase, FailuresLeaveTheConnectionUsable) {
   const std::string path = MakeDatabase(test::MakeTempDir() + "/d", 3);
   DataBase db;
-  ASSERT_OK(db.Init(path));
+  EXPECT_OK(db.Init(path));
   EXPECT_OK(db.Commit());  // nothing begun, nothing sent
   EXPECT_OK(db.Rollback());
   EXPECT_OK(db.Transaction());
   EXPECT_OK(db.Exec("DELETE FROM t"));
   EXPECT_FAILS(db.Exec("DELETE FROM x"), "Exec: DELETE FROM x failed, rc = 1, errmsg = no such ta");
-  EXPECT_FAILS(db.Query("SELECT x", nullptr),
-               "Query: SELECT x failed, rc = 1, errmsg = no such co");
+  EXPECT_FAILS(db.Query("SELECT x", nullptr), "Query: SELECT x failed, rc = 1, errmsg = no such c");
   EXPECT_FAILS(db.Transaction(), "within a transaction");
   EXPECT_TRUE(db.IsInTransaction());
   EXPECT_OK(db.Rollback());
-  EXPECT_FALSE(db.IsInTransaction());
 
   int calls = 0;
-  const auto end_it = [&](int, char**, char**) { return ++calls; };
-  const auto fail = [](int, char**, char**) -> int { throw std::runtime_error("x"); };
-  const auto fail_oddly = [](int, char**, char**) -> int { throw 1; };
-  for (const DataBase::RowCallback& callback :
-       {DataBase::RowCallback(end_it), {fail}, {fail_oddly}})
-    EXPECT_FAILS(db.Query("SELECT * FROM t", callback), "rc = 4,");
-  EXPECT_OK(db.Query("SELECT * FROM t WHERE a > 5", end_it));
+  const DataBase::RowCallback ends = [&](int, char**, char**) { return ++calls; };
+  const DataBase::RowCallback throws = [](int, char**, char**) -> int { throw 1; };
+  EXPECT_FAILS(db.Query("SELECT * FROM t", throws), "rc = 4,");
+  EXPECT_FAILS(db.Query("SELECT * FROM t", ends), "rc = 4,");
+  EXPECT_OK(db.Query("SELECT * FROM t WHERE a > 5", ends));
   EXPECT_EQ(calls, 1);
-
   EXPECT_OK(db.Query("SELECT 1", [&](int, char**, char**) {
     for (const auto& error :
          {db.Exec("SELECT 1"), db.ExecBound("SELECT 1", {}), db.Query("SELECT 1", nullptr),
@@ -194,52 +164,43 @@ TEST(DataBase, FailuresLeaveTheConnectionUsable) {
 TEST(DataBase, BoundValues) {
   DataBase db;
   const std::string path = MakeDatabase(test::MakeTempDir() + "/d", 0);
-  const std::string insert = "INSERT INTO t VALUES (?, ?)";
-  ASSERT_OK(db.Init(path));
-  std::string bytes;
-  for (int c = 255; c >= 0; --c) bytes += static_cast<char>(c);
+  EXPECT_OK(db.Init(path));
+  EXPECT_OK(db.ExecBound(kInsert, {INT64_MIN, {"\xff\0\"'", 4}}));
+  EXPECT_OK(db.ExecBound(kInsert, {INT64_MAX, {"", 0}}));
+  EXPECT_EQ(test::Query(db, "SELECT a, typeof(b), hex(b) FROM t"),
+            (test::Rows{"-9223372036854775808 text FF002227", "9223372036854775807 text "}));
   int64_t changed = -1;
-  EXPECT_OK(db.ExecBound(insert, {INT64_MIN, {bytes.data(), bytes.size()}}, &changed));
-  EXPECT_EQ(changed, 1);
-  EXPECT_OK(db.ExecBound(insert, {INT64_MAX, {"", 0}}));
   EXPECT_OK(db.ExecBound("UPDATE t SET a = a WHERE a <> ?", {0}, &changed));
   EXPECT_EQ(changed, 2);
   EXPECT_OK(db.ExecBound("SELECT * FROM t", {}, &changed));
   EXPECT_EQ(changed, 0);
-  EXPECT_EQ(test::Query(db,
-                        "SELECT typeof(b) || length(CAST(b AS BLOB)) || substr(hex(b), 1, 8) "
-                        "FROM t ORDER BY a"),
-            (test::Rows{"text256FFFEFDFC", "text0"}));
-
-  EXPECT_FAILS(db.ExecBound("DELETE FROM t WHERE a = ?", {}, &changed), "1 parameters, not 0");
+  EXPECT_FAILS(db.ExecBound("DELETE FROM t WHERE a = ?", {}), "1 parameters, not 0");
   EXPECT_FAILS(db.ExecBound("DELETE FROM t; DELETE FROM t", {}), "is not one statement");
   EXPECT_FAILS(db.ExecBound(" -- nothing", {}), "is not one statement");
   EXPECT_OK(db.Exec("CREATE UNIQUE INDEX u ON t (a)"));
-  EXPECT_FAILS(db.ExecBound(insert, {INT64_MAX, 1}), "rc = 19,");
+  EXPECT_FAILS(db.ExecBound(kInsert, {INT64_MAX, 1}), "rc = 19,");
   for (int i = 0; i < 100; ++i) {  // more texts than are kept prepared
     EXPECT_OK(db.ExecBound("INSERT INTO t VALUES (?, " + std::to_string(i) + ")", {i}));
   }
   EXPECT_EQ(One(db, "SELECT count(*) FROM t"), "102");
   EXPECT_OK(db.Init(path));
-  EXPECT_OK(db.ExecBound(insert, {1000, 1}));
+  EXPECT_OK(db.ExecBound(kInsert, {1000, 1}));
 }
 
 // Threads that share the object neither lose a statement nor meet a connection that one closes.
 TEST(DataBase, ThreadsShareIt) {
   DataBase db;
   const std::string path = MakeDatabase(test::MakeTempDir() + "/d", 0);
-  ASSERT_OK(db.Init(path));
+  EXPECT_OK(db.Init(path));
   std::atomic<int> inserted{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 3; ++t) {
-    threads.emplace_back([&] {
-      for (int i = 0; i < 100; ++i) {
-        inserted += db.ExecBound("INSERT INTO t VALUES (?, ?)", {i, i}) == nullptr;
-        inserted += db.Exec("INSERT INTO t VALUES (1, 2)") == nullptr;
-        db.Query("SELECT max(a) FROM t", [](int, char**, char**) { return 0; });
-      }
-    });
-  }
+  const auto insert = [&] {
+    for (int i = 0; i < 100; ++i) {
+      inserted += db.ExecBound(kInsert, {i, i}) == nullptr;
+      inserted += db.Exec("INSERT INTO t VALUES (1, 2)") == nullptr;
+      db.Query("SELECT max(a) FROM t", [](int, char**, char**) { return 0; });
+    }
+  };
+  std::thread threads[] = {std::thread(insert), std::thread(insert), std::thread(insert)};
   for (int i = 0; i < 5; ++i) EXPECT_OK(db.Init(path));
   for (std::thread& thread : threads) thread.join();
   EXPECT_GT(inserted, 300);
@@ -253,15 +214,12 @@ TEST(DataBase, Backup) {
   for (const DataBaseOptions& options : {DataBaseOptions(), kAllOptions}) {
     const std::string dir = test::MakeTempDir();
     DataBase db(options);
-    ASSERT_OK(db.Init(MakeDatabase(dir + "/d", 2000, options)));
+    EXPECT_OK(db.Init(MakeDatabase(dir + "/d", 2000, options)));
     EXPECT_OK(db.Backup(MakeDatabase(dir + "/b", 3000)));
-    EXPECT_OK(db.Exec("DELETE FROM t"));
-    DataBase copy(options);
-    ASSERT_OK(copy.Init(dir + "/b"));
-    EXPECT_EQ(One(copy, "SELECT count(*), sum(a) FROM t"), "2000 1999000");
+    EXPECT_EQ(test::QueryFile(dir + "/b", "SELECT count(*), sum(a) FROM t").at(0), "2000 1999000");
     EXPECT_FAILS(db.Backup(dir), "Failed to open backup db");
     ASSERT_EQ(mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=64k"), 0);
-    EXPECT_FAILS(copy.Backup(dir + "/full"), "Backup failed");
+    EXPECT_FAILS(db.Backup(dir + "/full"), "Backup failed");
     ASSERT_EQ(umount(dir.c_str()), 0);
   }
 }

@@ -15,7 +15,6 @@
 #include <cstring>
 #include <filesystem>
 #include <future>
-#include <limits>
 #include <set>
 #include <thread>
 
@@ -42,12 +41,12 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
   va_start(args, request);
   void* argument = va_arg(args, void*);
   va_end(args);
-  if (g_device_timeout != 0 && request == WDIOC_GETSUPPORT) return 0;
-  if (g_device_timeout != 0 && request == WDIOC_GETTIMEOUT) {
-    *static_cast<int*>(argument) = g_device_timeout;
-    return 0;
+  const bool is_asked = request == WDIOC_GETSUPPORT || request == WDIOC_GETTIMEOUT;
+  if (g_device_timeout == 0 || !is_asked) {
+    return static_cast<int>(syscall(SYS_ioctl, fd, request, argument));
   }
-  return static_cast<int>(syscall(SYS_ioctl, fd, request, argument));
+  if (request == WDIOC_GETTIMEOUT) *static_cast<int*>(argument) = g_device_timeout;
+  return 0;
 }
 
 namespace {
@@ -80,8 +79,6 @@ Rows LinesOf(const std::function<void()>& calls) {
   EXPECT_EQ(child.Wait(), 0) << child.output();
   return bsp::StringHelper::Split(child.output(), "\n");  // the last is empty
 }
-
-bool IsFresh(int64_t time, int64_t now) { return time <= now && now - time < now / 2 + 30; }
 
 // "name running feed_cnt timeout log_level", name of the first tag, level of the last.
 std::string Told(const ModSta& mod) {
@@ -123,81 +120,61 @@ TEST(LogClient, RecordsAreFoundAgainByName) {
 // text behind its address, and a tag without a slot is not filtered and says so once.
 TEST(LogClient, LevelsFollowTheBlock) {
   NEED_PRIVATE_WORLD();
-  const Rows lines = LinesOf([] {
-    Block block;
-    SystemLogClient client;
-    client.SetLogLevel(3);  // not registered yet
-    ASSERT_TRUE(client.Start("levels"));
-    for (const int level : {4, 8, -1}) client.SetLogLevel(level);
-    ModSta& mod = block->mods[0];
-    EXPECT_EQ(client.GetLogLevel("A"), 4);
-    mod.logs[0].log_level = 7;
-    char buffer[8] = "A";
-    EXPECT_EQ(client.GetLogLevel("A") + client.GetLogLevel(buffer), 14);
-    buffer[0] = 'B';
-    EXPECT_EQ(client.GetLogLevel(buffer), 4);
-    client.RegLogMod("A");  // once more: the new slot counts, also where the old one was known
-    mod.logs[2].log_level = 2;
-    EXPECT_EQ(client.GetLogLevel("A"), 2);
-    EXPECT_EQ(client.GetLogLevel(nullptr), 4);  // an empty name, which leaves its slot free
-    EXPECT_EQ(client.GetLogLevel(std::string(40, 't')), 4);
-    EXPECT_EQ(NameOf(mod.logs[3].log_name), std::string(30, 't'));
-    for (int i = 4; i < 32; ++i) EXPECT_EQ(client.GetLogLevel("T" + std::to_string(i)), 4);
+  Block block;
+  SystemLogClient client;
+  ASSERT_TRUE(client.Start("levels"));
+  for (const int level : {4, 8, -1}) client.SetLogLevel(level);
+  ModSta& mod = block->mods[0];
+  char buffer[8] = "A";
+  EXPECT_EQ(client.GetLogLevel("A"), 4);
+  mod.logs[0].log_level = 7;
+  EXPECT_EQ(client.GetLogLevel("A") + client.GetLogLevel(buffer), 14);
+  buffer[0] = 'B';
+  EXPECT_EQ(client.GetLogLevel(buffer), 4);
+  client.RegLogMod("A");  // once more: the new slot counts, also where the old one was known
+  mod.logs[2].log_level = 2;
+  EXPECT_EQ(client.GetLogLevel("A"), 2);
+  EXPECT_EQ(client.GetLogLevel(nullptr), 4);  // an empty name, which leaves its slot free
+  EXPECT_EQ(client.GetLogLevel(std::string(40, 't')), 4);
+  EXPECT_EQ(NameOf(mod.logs[3].log_name), std::string(30, 't'));
+  for (int i = 4; i < 32; ++i) EXPECT_EQ(client.GetLogLevel("T" + std::to_string(i)), 4);
+  const Rows lines = LinesOf([&] {
     for (int twice = 0; twice < 2; ++twice) EXPECT_EQ(client.GetLogLevel("T32"), 7);
-    client.SetLogLevel(5);
-    EXPECT_EQ(client.GetLogLevel("T31"), 5);
-    block.Wipe();  // the server has started behind our back
-    EXPECT_EQ(client.GetLogLevel("T31") + client.IsRunning(), 0);
+    client.SetLogLevel(8);
+    SystemLogClient().SetLogLevel(3);
   });
-  ASSERT_EQ(lines.size(), 40u);
-  EXPECT_EQ(Rows(lines.begin(), lines.begin() + 6),
-            (Rows{"module  not registered.", "module register levels, index 0.",
-                  "log client start, mod_name levels.", "log level 8 is invalid.",
-                  "log level -1 is invalid.", "log register A, index 0, log level 4."}));
-  EXPECT_EQ(lines[37], "log register T31, index 31, log level 4.");
-  EXPECT_EQ(lines[38], "register log T32 failed, module 32 is full.");
+  EXPECT_EQ(lines, (Rows{"register log T32 failed, module 32 is full.", "log level 8 is invalid.",
+                         "module  not registered.", ""}));
+  block.Wipe();  // the server has started behind our back
+  EXPECT_EQ(client.GetLogLevel("T31") + client.IsRunning(), 0);
 }
 
-// Behind a start that failed every call reaches its line and none faults; a second try that can
-// succeed does.
+// Behind a start that failed every call reaches its line and none faults.
 TEST(LogClient, FailedStartIsHarmless) {
   NEED_PRIVATE_WORLD();
   Block block;
   for (ModSta& mod : block->mods) strcpy(mod.mod_name, "taken");
-  const Rows lines = LinesOf([&] {
+  const Rows lines = LinesOf([] {
     EXPECT_EQ(log_init_v2(6, "late", 0), -1);
-    ASSERT_NE(g_log, nullptr);
     BSP_LOG_DEBUG("MOD_T", "unfiltered");
     BSP_TRACE(1, 2, "t");
-    BSP_CONTROL(2, "c");
-    BSP_SYSTEM(3, "s");
     BSP_FEED_DOG();
     log_send_msg(nullptr);
     EXPECT_EQ(mod_is_running(), 1);
-    block->mods[31].mod_name[0] = '\0';
-    EXPECT_EQ(log_init_v2(5, "late", 0), 0);
-    log_send_msg(nullptr);
-    g_log->GetLogLevel("MOD_T");
-    block->mods[31].logs[1].log_level = -9;  // a level that is none has its line all the same
-    BSP_LOG("MOD_T", -1, "none");
     for (int twice = 0; twice < 2; ++twice) log_deinit();
-    g_log_level = -9;
-    BSP_LOG("MOD_T", -1, "none");
   });
-  ASSERT_EQ(lines.size(), 19u);
-  EXPECT_NE(lines[4].find("unfiltered"), std::string::npos);
-  for (size_t i = 5; i < 9; ++i) EXPECT_EQ(lines[i].find("hdl_ not init 0, or msg is null 0x"), 0u);
-  const std::pair<size_t, const char*> told[] = {
-      {0, "register module late failed, module 32 is full."},
-      {1, "register module late failed."},
-      {2, "log start failed."},
-      {3, "cur_sta_ptr_ is null."},
-      {9, "hdl_ not init 0, or msg is null (nil)."},
-      {10, "module register late, index 31."},
-      {14, "hdl_ not init 1, or msg is null (nil)."},
-      {16, "log level -1 is invalid."},
-      {17, "log level -1 is invalid."}};
-  for (const auto& line : told) EXPECT_EQ(lines[line.first], line.second);
+  const std::string dropped = "hdl_ not init 0, or msg is null ";
+  const Rows starts = {"register module late failed, module 32 is full.",
+                       "register module late failed.",
+                       "log start failed.",
+                       "cur_sta_ptr_ is null.",
+                       "[",
+                       dropped + "0x",
+                       dropped + "0x",
+                       dropped + "(nil).",
+                       ""};
+  ASSERT_EQ(lines.size(), starts.size());
+  for (size_t i = 0; i < lines.size(); ++i) EXPECT_EQ(lines[i].rfind(starts[i], 0), 0u) << lines[i];
 }
 
 // The datagram is the record byte for byte: head stamped by the client whatever the caller put
@@ -212,10 +189,8 @@ TEST(LogClient, RecordsOnTheWire) {
     Rows words = {"/usr/bin/wire", "rest", "-x", "-p", "7"};
     std::vector<char*> argv;
     for (std::string& word : words) argv.push_back(&word[0]);
-    argv.push_back(nullptr);
-    const std::vector<char*> before = argv;
     EXPECT_EQ(log_init(5, argv.data(), 0), 0);
-    EXPECT_EQ(argv, before);
+    EXPECT_EQ(argv[1], &words[1][0]);  // not reordered
     BSP_TRACE(-9, 4, "trace %d", 1);
     BSP_CONTROL(5, "%s", std::string(1500, 'c').c_str());
     BSP_SYSTEM(2, "system");
@@ -229,7 +204,6 @@ TEST(LogClient, RecordsOnTheWire) {
     log_send_msg(&own);
     block.Wipe();
     log_send_msg(&own);
-    EXPECT_EQ(g_log->GetLogLevel("MOD_NEW"), 0);
   });
   EXPECT_EQ(lines.at(3), "log level 7.");
   const auto expect_next = [&](int type, int len, int level, int flow, int64_t trace,
@@ -241,8 +215,7 @@ TEST(LogClient, RecordsOnTheWire) {
     name.copy(expected.mod_name, sizeof expected.mod_name);
     text.copy(expected.log, sizeof expected.log);
     EXPECT_EQ(memcmp(&got, &expected, sizeof got), 0) << text;
-    EXPECT_TRUE(IsFresh(got.timems, TimeUtil::ClockMillis()));
-    EXPECT_STREQ(from.Host(), "127.0.0.1");
+    EXPECT_LT(TimeUtil::ClockMillis() - got.timems, 60000);
   };
   expect_next(LOG_TYPE_BUS, 7, 6, 4, -9, "wire", "trace 1");
   expect_next(LOG_TYPE_CTRL, 1500, 6, 5, 0, "wire", std::string(1022, 'c'));
@@ -257,7 +230,6 @@ TEST(LogClient, RecordsOnTheWire) {
 // slot's level from the first call on.
 TEST(LogClient, NewTagsOfManyThreads) {
   NEED_PRIVATE_WORLD();
-  constexpr int kThreads = 4;
   for (int round = 0; round < 30; ++round) {
     Block block;
     SystemLogClient client;
@@ -265,16 +237,15 @@ TEST(LogClient, NewTagsOfManyThreads) {
     client.SetLogLevel(round % 8);
     std::atomic<int> ready{0};
     std::atomic<int> wrong{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-      threads.emplace_back([&, t] {
-        ++ready;
-        while (ready < kThreads) std::this_thread::yield();
-        for (int i = 0; i < 160; ++i) {
-          wrong += client.GetLogLevel("T" + std::to_string((i + t * 8) % 32)) != round % 8;
-        }
-      });
-    }
+    const auto meet_tags = [&] {
+      const int first = ready++ * 8;
+      while (ready < 4) std::this_thread::yield();
+      for (int i = first; i < first + 160; ++i) {
+        wrong += client.GetLogLevel("T" + std::to_string(i % 32)) != round % 8;
+      }
+    };
+    std::thread threads[4];
+    for (std::thread& thread : threads) thread = std::thread(meet_tags);
     for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(wrong, 0);
     std::set<std::string> names;
@@ -292,20 +263,17 @@ TEST(LogClient, ModulesThatStartAtOnce) {
   for (int round = 0; round < 25; ++round) {
     int gate[2];
     ASSERT_EQ(pipe(gate), 0);
-    bsp::StatusBlockHandle block;
     bsp::LogSrvCfg cfg;
     SysWdg wdg(cfg);
-    shmc::impl::SVIPCShmAlloc<false>().Unlink(bsp::kSystemStatusName);
-    if (round % 2 == 1) {
-      ASSERT_TRUE(block.InitForWrite(bsp::kSystemStatusName, bsp::kSystemStatusSize, 1));
-      wdg.Init(block.ptr());
-      for (ModSta& mod : block->mods) {
-        memset(mod.mod_name, 0xff, 32);
-        memcpy(mod.mod_name, &mod - block->mods < 16 ? "\0clm" : "\0xyz", 4);
-        memcpy(mod.mod_name + 4, &dead, 4);
-        mod.feed_time = -1000;  // late at once
-      }
+    auto block = std::make_unique<Block>();
+    wdg.Init(block->get());
+    for (ModSta& mod : (*block)->mods) {
+      memset(mod.mod_name, 0xff, 32);
+      memcpy(mod.mod_name, &mod - (*block)->mods < 16 ? "\0clm" : "\0xyz", 4);
+      memcpy(mod.mod_name + 4, &dead, 4);
+      mod.feed_time = -1000;  // late at once
     }
+    if (round % 2 == 0) shmc::impl::SVIPCShmAlloc<false>().Unlink(bsp::kSystemStatusName);
     std::vector<test::Child> modules;
     for (int i = 0; i < 32; ++i) {
       modules.push_back(test::Child::Fork([&, i] {
@@ -326,14 +294,14 @@ TEST(LogClient, ModulesThatStartAtOnce) {
     watch.join();
     close(gate[0]);
     EXPECT_EQ(late, "");
-    if (round % 2 == 0) block.InitForWrite(bsp::kSystemStatusName, bsp::kSystemStatusSize, 1);
+    bsp::StatusBlockHandle made;
+    ASSERT_TRUE(made.InitForWrite(bsp::kSystemStatusName, bsp::kSystemStatusSize, 1));
     std::set<std::string> names;
-    for (const ModSta& mod : block->mods) {
-      names.insert(NameOf(mod.mod_name));
-      EXPECT_EQ(mod.timeout, 20);
-      EXPECT_EQ(mod.log_level, 6);
-      EXPECT_TRUE(IsFresh(mod.feed_time, TimeUtil::ClockSecond()));
-      EXPECT_EQ(NameOf(mod.logs[0].log_name), NameOf(mod.mod_name));  // its first tag, not wiped
+    for (const ModSta& mod : made->mods) {
+      const std::string name = NameOf(mod.mod_name);
+      names.insert(name);
+      EXPECT_EQ(Told(mod), name + " 1 0 20 6 " + name + " 6");  // its first tag, not wiped
+      EXPECT_LT(TimeUtil::ClockSecond() - mod.feed_time, 60);
     }
     EXPECT_EQ(names.size() - names.count(""), 32u);
   }
@@ -348,22 +316,16 @@ TEST(Watchdog, StartClearsAndRegisters) {
   Block block;
   memset(static_cast<void*>(block.get()), 0x5a, sizeof(SystemStatus));
   bsp::LogSrvCfg cfg;
+  for (int i = 1; i < 32; ++i) cfg.modules[i] = "m" + std::to_string(i);
   SysWdg wdg(cfg);
   EXPECT_FALSE(wdg.Init(nullptr));
-  EXPECT_FALSE(wdg.InitDefaultModule());
   ASSERT_TRUE(wdg.Init(block.get()));
-  SystemStatus empty = {};
-  empty.magic = 0xaa55aa55;
-  empty.wdg_enable = 1;
-  EXPECT_EQ(memcmp(block.get(), &empty, sizeof empty), 0);
-
-  for (int i = 0; i < 31; ++i) cfg.modules[i + 1] = "m" + std::to_string(i);
-  ASSERT_TRUE(wdg.InitDefaultModule());
-  EXPECT_EQ(Told(block->mods[0]), "m0 0 0 60 0  6");
-  EXPECT_EQ(SysWdg::ModuleRegister(block.get(), "m30"), &block->mods[30]);
-  EXPECT_EQ(Told(block->mods[30]), "m30 0 1 60 0  6");
-  SysWdg::ModuleRegister(block.get(), std::string(40, 'x'));
-  EXPECT_EQ(NameOf(block->mods[31].mod_name), std::string(30, 'x'));
+  EXPECT_EQ(Told(block->mods[0]), "m1 0 0 60 0  6");
+  EXPECT_EQ(Told(block->mods[31]), " 0 0 0 0  0");
+  EXPECT_EQ(SysWdg::ModuleRegister(block.get(), "m1"), &block->mods[0]);
+  EXPECT_EQ(Told(block->mods[0]), "m1 0 1 60 0  6");
+  EXPECT_EQ(SysWdg::ModuleRegister(block.get(), std::string(40, 'x')), &block->mods[31]);
+  EXPECT_EQ(Told(block->mods[31]), std::string(30, 'x') + " 0 0 60 0  6");
   EXPECT_EQ(SysWdg::ModuleRegister(block.get(), "one too many"), nullptr);
   EXPECT_EQ(SysWdg::ModuleRegister(nullptr, "m"), nullptr);
 }
@@ -372,6 +334,8 @@ TEST(Watchdog, StartClearsAndRegisters) {
 // first record that it names or begins. Garbage in the block is read within its bytes.
 TEST(Watchdog, FeedsAndLateModules) {
   NEED_PRIVATE_WORLD();
+  constexpr int64_t now = test::kFrozen;
+  test::g_clock_shift = now;
   Block block;
   bsp::LogSrvCfg cfg;
   cfg.modules[5] = "abc";
@@ -379,43 +343,40 @@ TEST(Watchdog, FeedsAndLateModules) {
   cfg.modules[9] = std::string(30, 'l');
   SysWdg wdg(cfg);
   wdg.FeedModuleWatchDog("ab");  // before the block is there
-  constexpr int64_t now = test::kFrozen;
-  test::g_clock_shift = now;
   ASSERT_TRUE(wdg.Init(block.get()));
   ModSta& abc = block->mods[0];
   ModSta& ab = block->mods[1];
+  const auto check = [&](int64_t ago_abc, int64_t ago_ab, int feeds) {
+    abc.feed_time = now - ago_abc;
+    ab.feed_time = now - ago_ab;
+    abc.feed_cnt = feeds;
+    std::string out = "old";
+    const bool is_late = wdg.IsHadTimeOut(out);
+    EXPECT_EQ(is_late, !out.empty());
+    EXPECT_EQ(abc.feed_cnt, 0);
+    return out;
+  };
   abc.timeout = 20;
-  abc.feed_time = now - 20;
-  ab.feed_time = now - 60;
-  std::string out = "old";
-  EXPECT_FALSE(wdg.IsHadTimeOut(out));
-  EXPECT_EQ(out, "");
-  abc.feed_time = now - 25;
-  ab.feed_time = now - 70;
-  for (int check = 0; check < 2; ++check) {
-    EXPECT_TRUE(wdg.IsHadTimeOut(out));
-    EXPECT_EQ(out, "mod abc(25, 20) ab(70, 60)  not feed the dog\n");
-  }
-  abc.feed_cnt = 3;
-  EXPECT_TRUE(wdg.IsHadTimeOut(out));
-  EXPECT_EQ(out, "mod ab(70, 60)  not feed the dog\n");
-  EXPECT_EQ(abc.feed_cnt, 0);
+  EXPECT_EQ(check(20, 60, 0), "");
+  EXPECT_EQ(check(25, 70, 0), "mod abc(25, 20) ab(70, 60)  not feed the dog\n");
+  EXPECT_EQ(check(25, 70, 3), "mod ab(70, 60)  not feed the dog\n");
   wdg.FeedModuleWatchDog(nullptr);
   for (const std::string& mod : Rows{"ab", "ab", "abcd", "", "b", std::string(31, 'l')}) {
     wdg.FeedModuleWatchDog(mod.c_str());
   }
   for (int i = 0; i < 3; ++i) EXPECT_EQ(block->mods[i].feed_cnt, i == 0 ? 2 : 0);
   EXPECT_EQ(abc.feed_time, now);
-  test::g_clock_shift = 0;
 
   memset(static_cast<void*>(block->mods), 0xff, sizeof block->mods);
-  abc.feed_cnt = std::numeric_limits<int32_t>::max();
-  ab.feed_cnt = 0;
-  ab.feed_time = std::numeric_limits<int64_t>::min();
+  abc.feed_cnt = INT32_MAX;
   wdg.FeedModuleWatchDog(std::string(100, '\xff').c_str());
-  EXPECT_EQ(abc.feed_cnt, std::numeric_limits<int32_t>::min());
+  EXPECT_EQ(abc.feed_cnt, INT32_MIN);
+  ab.feed_cnt = 0;
+  ab.feed_time = INT64_MIN;
+  std::string out;
   wdg.IsHadTimeOut(out);
   EXPECT_LT(out.size(), 32u * 80);
+  test::g_clock_shift = 0;
 }
 
 // A terminal in place of a watchdog device.
@@ -452,23 +413,16 @@ struct Device {
 TEST(Watchdog, DeviceIsArmedAndDisarmed) {
   bsp::LogSrvCfg cfg;
   std::string why;
-  for (const char* wrong : {"/nowhere/watchdog", "/dev"}) {
-    SysWdg wdg(cfg, wrong);
-    EXPECT_FALSE(wdg.CheckDeviceWatchDog(&why));
-    EXPECT_NE(why.find(wrong), std::string::npos) << why;
-    EXPECT_FALSE(wdg.ArmDeviceWatchDog(&why));
-  }
   Device device(0);
-  const std::tuple<int, const char*, const char*> refused[] = {{0, " is no watchdog device", ""},
-                                                               {14, " resets after 14 s", "V"}};
-  for (const auto& [timeout, text, written] : refused) {
+  EXPECT_FALSE(SysWdg(cfg, "/nowhere/watchdog").ArmDeviceWatchDog(&why));
+  for (const int timeout : {0, 14}) {
     g_device_timeout = timeout;
     SysWdg wdg(cfg, device.path);
-    EXPECT_TRUE(wdg.CheckDeviceWatchDog(&why));
     EXPECT_FALSE(wdg.ArmDeviceWatchDog(&why));
-    EXPECT_NE(why.find(device.path + text), std::string::npos) << why;
+    const char* fault = timeout == 0 ? " is no watchdog device" : " resets after 14 s";
+    EXPECT_NE(why.find(device.path + fault), std::string::npos) << why;
     wdg.FeedDeviceWatchDog();
-    EXPECT_EQ(device.Written(), written);
+    EXPECT_EQ(device.Written(), timeout == 0 ? "" : "V");
   }
   g_device_timeout = 15;
   {
@@ -559,52 +513,40 @@ struct Sender {
   bsp::SocketAddress server{"127.0.0.1", bsp::kLogPort};
 };
 
-// Every field of the file arrives, what is missing or senseless has its default, and a fault is
-// told with file and line and leaves as the reader threw it.
-TEST(LogServer, Configuration) {
-  std::filesystem::current_path(test::MakeTempDir());
-  bsp::SystemLogServer server;
-  const auto read = [&server](const std::string& text) {
-    FileUtil::WriteToFile("com_srv_app.ini", text);
-    server.InitLogCfg();
-    const bsp::LogSrvCfg& cfg = server.cfg();
-    const Rows texts = {cfg.modules[0], cfg.modules[31], cfg.log_db_file, cfg.rec.log_rec_file,
-                        cfg.rec.log_rec_host};
-    std::string told;
-    for (const int number : {cfg.log_bus_size, cfg.log_ctrl_size, cfg.log_sys_size,
-                             cfg.rec.log_rec_mode, cfg.rec.log_rec_port}) {
-      told += std::to_string(number) + " ";
-    }
-    for (const std::string& part : texts) told += part + " ";
-    return told;
-  };
-  const std::string defaults = "20000 10000 5000 0 0   /mnt/nand/sys_log.db   ";
-  server.InitLogCfg();  // no file
-  EXPECT_EQ(server.cfg().log_bus_size, 20000);
-  EXPECT_EQ(read("[watchdog]\nmodule_0=a\nmodule_31=z\nmodule_32=no\n[log_size]\nlog_bus_size=1\n"
-                 "log_ctrl_size=0\nlog_sys_size=-5\n[record]\nlog_db_file=x.db\nlog_rec_mode=2\n"
-                 "log_rec_file=f\nlog_rec_host=h\nlog_rec_port=7\n"),
-            "1 10000 5000 2 7 a z x.db f h ");
-  EXPECT_EQ(read("[log_size]\n[record]\nlog_db_file=\n"), defaults);
-  EXPECT_EQ(read(""), defaults);
-  EXPECT_THROW(read("\n[log_size\n"), std::logic_error);
-  EXPECT_EQ(server.error(), "./com_srv_app.ini: l.2: ini parsing failed, section not closed");
-  EXPECT_THROW(read("[log_size]\n\nlog_bus_size = 12x\n"), std::invalid_argument);
-  EXPECT_EQ(server.error(), "./com_srv_app.ini: l.3: log_bus_size = 12x: field is not an int");
-}
-
 // Each datagram is handled by what it says, whatever it holds, and never by what lies behind its
-// end; hostile ones do no harm to those that follow. Both ways of reading give the same rows.
+// end; hostile ones do no harm to those that follow. Both ways of reading give the same rows, and
+// all options only those of this machine's loopback, also with a descriptor above 1023.
 TEST(LogServer, Datagrams) {
   NEED_PRIVATE_WORLD();
+  ifreq alias = {};
+  strcpy(alias.ifr_name, "lo:1");
+  const bsp::SocketAddress foreign("10.9.9.9", 0);
+  memcpy(&alias.ifr_addr, foreign.Native(), foreign.SizeOf());
+  Sender stranger;
+  ASSERT_EQ(ioctl(stranger.socket.GetNativeSocket(), SIOCSIFADDR, &alias), 0);
+  ASSERT_TRUE(stranger.socket.Bind(foreign));
+  stranger.server.Set("10.9.9.9", bsp::kLogPort);
+  const rlimit limit = {2048, 2048};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+
   for (const bool all : {false, true}) {
     SCOPED_TRACE(all);
+    std::vector<int> fill;
+    while (fill.empty() || fill.back() < 1100) fill.push_back(dup(0));
     Block block;
     bsp::LogSrvOptions options = all ? AllOptions() : bsp::LogSrvOptions();
     options.flush_at_stop = true;
-    Server server(options, "[watchdog]\nmodule_0=" + std::string(30, 'm') + "\n");
+    Server server(options,
+                  "[log_size]\nlog_bus_size=0\nlog_ctrl_size=-5\nlog_sys_size=7\n"
+                  "[watchdog]\nmodule_31=" +
+                      std::string(30, 'm') + "\n");
+    EXPECT_EQ(server->cfg().log_bus_size, 20000);  // what is senseless has its default
+    EXPECT_EQ(server->cfg().log_ctrl_size, 10000);
+    EXPECT_EQ(server->cfg().log_sys_size, 7);
+    for (const int fd : fill) close(fd);
     server.Loop();
     Sender sender;
+    stranger.Send(LOG_TYPE_SYS, "stranger");
     sender.Send(LOG_TYPE_BUS, "bus", 2);
     sender.Send(LOG_TYPE_BUS, "magic", 5, 0x55aa55aa);
     sender.Send(LOG_TYPE_BUS, "too long", 1024);
@@ -627,7 +569,7 @@ TEST(LogServer, Datagrams) {
               (Rows{"6 3 -4 " + std::string(1023, 'x'), "6 3 -4 ",
                     "6 3 -4 '); DROP TABLE tbl_bus_log; --\"\xff\x01"}));
     const Rows own = server.Table("tbl_sys_log");
-    ASSERT_EQ(own.size(), 2u);
+    EXPECT_EQ(own.size(), all ? 2u : 3u);
     EXPECT_EQ(own[0].find("3 0 0 20"), 0u) << own[0];
     EXPECT_NE(own[0].find(" System start ...20"), std::string::npos) << own[0];
     EXPECT_EQ(block->mods[0].feed_cnt, 1);
@@ -647,8 +589,8 @@ TEST(LogServer, StopInAnyOrder) {
   for (int twice = 0; twice < 2; ++twice) stock.Stop();
   stock->RunLoopLog();  // a loop that comes late
   EXPECT_TRUE(stock->Start("again"));
-  stock.Loop();
   stock->SysLogMsgRec("lost with the batch");
+  stock.Loop();
   stock->RunLoopLog();  // a second one is refused
   stock.Stop();
   EXPECT_EQ(stock.Table("tbl_sys_log").size(), 0u);
@@ -669,35 +611,6 @@ TEST(LogServer, StopInAnyOrder) {
     loop.join();
     EXPECT_EQ(server.Table("tbl_bus_log").size(), 80u);
   }
-}
-
-// Only datagrams from this machine's loopback are taken, and a descriptor above 1023 works like any
-// other.
-TEST(LogServer, ForeignSendersAndHighDescriptors) {
-  NEED_PRIVATE_WORLD();
-  rlimit limit = {};
-  getrlimit(RLIMIT_NOFILE, &limit);
-  limit.rlim_cur = std::max<rlim_t>(limit.rlim_cur, 2048);
-  if (setrlimit(RLIMIT_NOFILE, &limit) != 0) GTEST_SKIP() << "no descriptors above 1023";
-  ifreq alias = {};
-  strcpy(alias.ifr_name, "lo:1");
-  const bsp::SocketAddress foreign("10.9.9.9", 0);
-  memcpy(&alias.ifr_addr, foreign.Native(), foreign.SizeOf());
-  Sender local;
-  ASSERT_EQ(ioctl(local.socket.GetNativeSocket(), SIOCSIFADDR, &alias), 0);
-  Sender stranger;
-  ASSERT_TRUE(stranger.socket.Bind(foreign));
-  stranger.server.Set("10.9.9.9", bsp::kLogPort);
-
-  std::vector<int> fill;
-  while (fill.empty() || fill.back() < 1100) fill.push_back(dup(0));
-  Server server;
-  for (const int fd : fill) close(fd);
-  server.Loop();
-  stranger.Send(LOG_TYPE_BUS, "stranger");
-  local.Send(LOG_TYPE_BUS, "local");
-  server.Stop();
-  EXPECT_EQ(server.Table("tbl_bus_log"), Rows{"6 3 -4 local"});
 }
 
 // The device is fed while no module is late; a late one stops that, each override resumes it, both
@@ -722,28 +635,31 @@ TEST(LogServer, LateModulesStopTheDevice) {
   // Lets the next pass come due and waits until it has run: it counts down this record's feeds.
   ModSta* witness = SysWdg::ModuleRegister(block.get(), "witness");
   ASSERT_NE(witness, nullptr);
-  const auto next_pass = [&] {
+  const auto next_pass = [&](int seconds = 5) {
     bsp::StoreWord(witness->feed_cnt, 5);
-    test::g_clock_shift += 5;
+    test::g_clock_shift += seconds;
     while (bsp::LoadWord(witness->feed_cnt) != 0) TimeUtil::SleepMs(1);
     const int turn = turns;  // a turn is told before its pass
     while (turns == turn) TimeUtil::SleepMs(1);
     return device.Written();
   };
   EXPECT_EQ(next_pass(), ".");
-  test::g_clock_shift += 60;
-  for (int twice = 0; twice < 2; ++twice) EXPECT_EQ(next_pass(), "");
-  bsp::StoreWord(block->wdg_enable, 0);
-  EXPECT_EQ(next_pass(), ".");
+  EXPECT_EQ(next_pass(65), "");
   std::filesystem::create_directories("/mnt/nand");
-  FileUtil::WriteToFile("/mnt/nand/watchdog_close.conf", "");
-  EXPECT_EQ(next_pass(), "..");
-  bsp::StoreWord(block->wdg_enable, 1);
-  EXPECT_EQ(next_pass(), ".");
-  std::filesystem::remove("/mnt/nand/watchdog_close.conf");
-  EXPECT_EQ(next_pass(), "");
-  bsp::StoreWord(block->mods[0].feed_cnt, 1);
-  EXPECT_EQ(next_pass(), ".");
+  const std::string marker = "/mnt/nand/watchdog_close.conf";
+  const struct {
+    int wdg_enable;
+    bool has_marker, has_fed;
+    const char* written;
+  } passes[] = {{1, false, false, ""}, {0, false, false, "."}, {0, true, false, ".."},
+                {1, true, false, "."}, {1, false, false, ""},  {1, false, true, "."}};
+  for (const auto& pass : passes) {
+    bsp::StoreWord(block->wdg_enable, pass.wdg_enable);
+    std::filesystem::remove(marker);
+    if (pass.has_marker) FileUtil::WriteToFile(marker, "");
+    if (pass.has_fed) bsp::StoreWord(block->mods[0].feed_cnt, 1);
+    EXPECT_EQ(next_pass(), pass.written);
+  }
   is_over = true;
   flood.join();
   server.Stop();
@@ -754,7 +670,6 @@ TEST(LogServer, LateModulesStopTheDevice) {
   ASSERT_EQ(own.size(), 2u);
   EXPECT_EQ(own[1].substr(0, 6), "3 0 0 ");
   EXPECT_NE(own[1].find(" mod mod(7"), std::string::npos) << own[1];
-  EXPECT_NE(own[1].find(", 60)  not feed the dog\n"), std::string::npos) << own[1];
 }
 
 // A wait that a signal cuts short ends the loop. That is a failure: the device stays armed, and
