@@ -31,8 +31,10 @@ namespace bsp {
 // that find no running thread wait in the queue for the next Start.
 //
 // Threads: any, also handlers on the service's own thread: a handler may post to its service, clear
-// it and stop it, since no lock is held while it runs. The last reference to a service should not
-// be dropped on its own thread; where it is, the thread ends by itself, with a line in the log.
+// it and stop it, since no lock is held while it runs. Whoever posts keeps the service alive for
+// the length of the call, also when its message ends somebody's wait for the end. The last
+// reference to a service should not be dropped on its own thread; where it is, the thread ends by
+// itself, with a line in the log.
 class BSP_EXPORT EventService {
  public:
   EventService();  // for Create; priority 50 and no name

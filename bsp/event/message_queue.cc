@@ -100,15 +100,17 @@ void MessageIdIndex::Grow() {
     return;  // the chains get longer, that is all
   }
   grown.swap(buckets_);
-  if (grown.empty()) grown.push_back(first_bucket_);
-  for (QueuedMessage* message : grown) {
-    while (message != nullptr) {
-      QueuedMessage*& head = buckets_[BucketOf(message->id, buckets_.size())];
-      QueuedMessage* const next = message->bucket_next;
-      message->bucket_next = head;
-      head = message;
-      message = next;
-    }
+  Distribute(std::exchange(first_bucket_, nullptr));
+  for (QueuedMessage* chain : grown) Distribute(chain);
+}
+
+void MessageIdIndex::Distribute(QueuedMessage* chain) {
+  while (chain != nullptr) {
+    QueuedMessage*& head = buckets_[BucketOf(chain->id, buckets_.size())];
+    QueuedMessage* const next = chain->bucket_next;
+    chain->bucket_next = head;
+    head = chain;
+    chain = next;
   }
 }
 

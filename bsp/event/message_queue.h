@@ -95,11 +95,13 @@ class MessageIdIndex {
 
  private:
   void Grow();
+  // Puts the messages of a former bucket into those of now.
+  void Distribute(QueuedMessage* chain);
 
   // The link that leads to the first message of `id`, or the null link at the end of its bucket.
   QueuedMessage** LinkOf(int id);
 
-  QueuedMessage* first_bucket_ = nullptr;  // the only one until the first Grow succeeds
+  QueuedMessage* first_bucket_ = nullptr;  // the only one until the first Grow succeeds, then null
   std::vector<QueuedMessage*> buckets_;    // heads of chains by bucket_next; 0 or a power of two
   size_t used_ids_ = 0;
 };
