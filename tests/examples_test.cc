@@ -1,6 +1,5 @@
 // The examples do what their first lines say: a user's first program is copied from them.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <csignal>
@@ -11,6 +10,7 @@
 #include <vector>
 
 #include "tests/support/child.h"
+#include "tests/support/servers.h"
 #include "tests/support/test_env.h"
 
 namespace {
@@ -19,20 +19,6 @@ using test::Child;
 
 const std::string kBin = BSP_TEST_BIN_DIR;
 const std::string kExamples = BSP_TEST_BUILD_DIR "/examples/";
-
-Child StartBroker() {
-  Child broker = Child::Run({kBin + "/bsp-broker"});
-  EXPECT_TRUE(broker.WaitForLine("bsp-broker ready on")) << broker.output();
-  return broker;
-}
-
-Child StartLogServer() {
-  mkdir("/mnt/log", 0755);
-  std::ofstream("/mnt/log/com_srv_app.ini") << "[record]\nlog_db_file = /mnt/log/log.db\n";
-  Child server = Child::Run({kBin + "/bsp-logd", "--dir", "/mnt/log"});
-  EXPECT_TRUE(server.WaitForLine("bsp-logd ready on")) << server.output();
-  return server;
-}
 
 // Ends a module as an init system does, and expects an orderly end.
 void End(Child* child) {
@@ -43,7 +29,7 @@ void End(Child* child) {
 // Either language's caller gets an answer from either language's listener.
 TEST(Examples, CallersAndListenersOfBothLanguages) {
   NEED_PRIVATE_WORLD();
-  Child broker = StartBroker();
+  Child broker = test::StartBroker();
   for (const char* listener_name : {"listener_c", "listener_cpp"}) {
     Child listener = Child::Run({kExamples + listener_name, "7800"});
     ASSERT_TRUE(listener.WaitForLine("listening to greet")) << listener.output();
@@ -118,8 +104,8 @@ TEST(Examples, DocumentsShowWhatIsBuilt) {
 // readable by another process; logs reach the server.
 TEST(Examples, TheDemoDeviceWorks) {
   NEED_PRIVATE_WORLD();
-  Child server = StartLogServer();
-  Child broker = StartBroker();
+  Child server = test::StartLogServer();
+  Child broker = test::StartBroker();
   Child actuator = Child::Run({kExamples + "actuator", "7800"});
   Child governor = Child::Run({kExamples + "governor", "7800"});
   while (Child::Run({kBin + "/bspctl", "rpc", "check", "device.sample"}).Wait() != 0) {

@@ -1,0 +1,32 @@
+// The two central services as their programs; up when a function returns.
+#ifndef BSP_TESTS_SUPPORT_SERVERS_H_
+#define BSP_TESTS_SUPPORT_SERVERS_H_
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <fstream>
+#include <string>
+
+#include "tests/support/child.h"
+
+namespace test {
+
+inline Child StartBroker() {
+  Child broker = Child::Run({BSP_TEST_BIN_DIR "/bsp-broker"});
+  EXPECT_TRUE(broker.WaitForLine("bsp-broker ready on 127.0.0.1:7800")) << broker.output();
+  return broker;
+}
+
+// With its database at /mnt/log/log.db.
+inline Child StartLogServer() {
+  mkdir("/mnt/log", 0755);
+  std::ofstream("/mnt/log/com_srv_app.ini") << "[record]\nlog_db_file = /mnt/log/log.db\n";
+  Child server = Child::Run({BSP_TEST_BIN_DIR "/bsp-logd", "--dir", "/mnt/log"});
+  EXPECT_TRUE(server.WaitForLine("bsp-logd ready on 0.0.0.0:12122")) << server.output();
+  return server;
+}
+
+}  // namespace test
+
+#endif  // BSP_TESTS_SUPPORT_SERVERS_H_
