@@ -58,10 +58,18 @@ check_tidy() {
   xargs -r -P "$jobs" -n 1 clang-tidy -p build/release --quiet <<<"$sources" 2>/dev/null
 }
 
+# The comments of the headers, where doxygen is installed; the build itself does not need it.
+check_docs() {
+  command -v doxygen >/dev/null || return 0
+  step "doxygen"
+  cmake --build --preset release --target docs
+}
+
 build_and_test release
 if [ "$all" -eq 1 ]; then
   check_format
   check_c_page
+  check_docs
   check_tidy
   build_and_test asan
   build_and_test tsan
