@@ -233,8 +233,8 @@ BSP_EXPORT int rpc_client_c_check_cmd_power(void* rpc_cli, const char* cmd);
 BSP_EXPORT int rpc_client_c_send_request(void* rpc_cli, const char* cmd, const char* req,
                                          int req_length, char* resp, int resp_size, int timeout_ms);
 
-// Sends without an answer; 0 when the frame is on its way. A null message or a length of 0 or below
-// sends none.
+// Sends without an answer; 0 when the frame is on its way. With a null message or a length of 0 or
+// below the message is empty.
 BSP_EXPORT int rpc_client_c_send_message(void* rpc_cli, const char* cmd, const char* message,
                                          int length);
 
