@@ -369,6 +369,7 @@ TEST(TcpClient, FloodLeavesTurnsForOthers) {
   Station other(loop, quiet.first);
   flooder.on_read = [&] {
     if (flooder.events.size() == 3) quiet.second->Send("hello", 5);
+    EXPECT_LE(flooder.bytes.size(), 16 * kChunk);
     flooder.bytes.clear();
   };
   other.on_read = [&] { loop->Stop(); };
@@ -377,7 +378,6 @@ TEST(TcpClient, FloodLeavesTurnsForOthers) {
     const std::string data(1 << 20, 'f');
     const auto end = steady_clock::now() + std::chrono::seconds(20);
     while (!over && steady_clock::now() < end) flood.second->Send(data.data(), 1 << 20);
-    EXPECT_TRUE(over) << "the other had its turn only when the flood was over";
     quiet.second->Send("end", 3);
   });
   loop->Loop();
