@@ -265,6 +265,14 @@ TEST(Buffer, StaysInsideItsBytes) {
   EXPECT_EQ(buffer->ReadAllBytes(all, sizeof all), static_cast<long>(text.size()));
   EXPECT_EQ(std::string(all, sizeof all), text);
   EXPECT_TRUE(buffer->blocks().empty());
+
+  // A block that somebody knows shows each read at once, wherever it has moved.
+  const Buffer known = BufferOf("known");
+  const Buffer taker = MemoryBuffer::Create();
+  const auto seen = known->blocks().front();
+  known->ReadBuffer(taker, 5);
+  taker->ReadBytes(nullptr, 2);
+  EXPECT_EQ(std::string(seen->data, seen->size), "own");
 }
 
 // No argument may crash, hang or change anything: null, self, blocks that lie or stand twice.
