@@ -87,12 +87,14 @@ class BSP_EXPORT EventService {
 
   void RunLoop(Loop* loop);
   bool RunPass(Loop* loop);
-  std::unique_ptr<QueuedMessage> TakeDue(int64_t* wait_ns);
+  std::unique_ptr<QueuedMessage> TakeDue(int64_t* wait_ns, bool sleeps);
   // Both with queue_mutex_ held.
   void EnterSleep(int64_t due_time);
   void LeaveSleep();
   // Behind a post that is due at `when`.
   void WakeSleepers(int64_t when);
+  // Until something is posted, but not for long.
+  void Linger(int64_t wait_ns) const;
   void Wait(int64_t wait_ns);
   void Enqueue(MessageHandler* handler, int id, int64_t when,
                std::shared_ptr<MessageUserdata> userdata, std::function<void(Message*)> func);
