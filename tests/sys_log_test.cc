@@ -56,29 +56,24 @@ using bsp::LogMsg;
 using bsp::ModSta;
 using bsp::NameOf;
 using bsp::SystemLogClient;
-using bsp::SystemStatus;
 using bsp::SysWdg;
 using bsp::TimeUtil;
 using test::Rows;
 
 // The block as a tool sees it, new and empty.
-struct Block {
+struct Block : bsp::StatusBlockHandle {
   Block() {
     shmc::impl::SVIPCShmAlloc<false>().Unlink(bsp::kSystemStatusName);
-    EXPECT_TRUE(handle.InitForWrite(bsp::kSystemStatusName, bsp::kSystemStatusSize, 1));
+    EXPECT_TRUE(InitForWrite(bsp::kSystemStatusName, bsp::kSystemStatusSize, 1));
   }
-  SystemStatus* operator->() { return handle.ptr(); }
-  SystemStatus* get() { return handle.ptr(); }
-  void Fill(int byte) { memset(static_cast<void*>(get()), byte, sizeof(SystemStatus)); }
-  bsp::StatusBlockHandle handle;
+  void Fill(int byte) { memset(static_cast<void*>(ptr()), byte, sizeof(bsp::SystemStatus)); }
 };
 
-// The calls run in a process of their own; the lines that they print.
-Rows LinesOf(const std::function<void()>& calls) {
-  test::Child child = test::Child::Fork([&] { return calls(), 0; });
-  EXPECT_EQ(child.Wait(), 0) << child.output();
-  return bsp::StringHelper::Split(child.output(), "\n");  // the last is empty
-}
+// While it exists, the raw clock stands still but for what a test adds.
+struct FrozenClock {
+  FrozenClock() { test::g_clock_shift = test::kFrozen; }
+  ~FrozenClock() { test::g_clock_shift = 0; }
+};
 
 // "name running feed_cnt timeout log_level", name of the first tag, level of the last.
 std::string Told(const ModSta& mod) {
@@ -97,27 +92,20 @@ TEST(LogClient, RecordsAreFoundAgainByName) {
   EXPECT_FALSE(SystemLogClient().Start(std::string(33, 'n')));
   EXPECT_FALSE(SystemLogClient().Start(""));
   const std::string name(30, 'n');
-  for (const char* more : {"nn", "nn", ""}) EXPECT_TRUE(SystemLogClient().Start(name + more));
-  ModSta& mod = block->mods[0];
-  EXPECT_EQ(Told(mod), name + " 1 1 20 0  6");  // found again by the third start
+  for (const char* more : {"nn", "nn"}) EXPECT_TRUE(SystemLogClient().Start(name + more));
   EXPECT_EQ(Told(block->mods[1]), name + " 1 0 20 0  6");
-  EXPECT_EQ(Told(block->mods[2]), " 0 0 0 0  0");
+  ModSta& mod = block->mods[0];
   mod = {0, 0, 5, 60, 7, {}, 3, {}, 0};
   name.copy(mod.mod_name, 30);
   strcpy(mod.logs[0].log_name, "old");
-  SystemLogClient client;
-  ASSERT_TRUE(client.Start(name));
+  EXPECT_TRUE(SystemLogClient().Start(name));
   EXPECT_EQ(Told(mod), name + " 0 1 60 3  6");
   EXPECT_GT(mod.feed_time, 7);
-  EXPECT_EQ(client.IsRunning(), 0);
-  EXPECT_FALSE(client.Start("again"));  // attached already
-  client.Stop();
-  EXPECT_EQ(client.IsRunning(), 1);
-  EXPECT_EQ(client.GetLogLevel("x"), 7);  // no record any more, and no fault
+  EXPECT_EQ(Told(block->mods[2]), " 0 0 0 0  0");
 }
 
 // Thresholds that anyone sets in the block count at the next call, a tag's buffer may change its
-// text behind its address, and a tag without a slot is not filtered and says so once.
+// text behind its address, and a tag without a slot is not filtered.
 TEST(LogClient, LevelsFollowTheBlock) {
   NEED_PRIVATE_WORLD();
   Block block;
@@ -131,50 +119,29 @@ TEST(LogClient, LevelsFollowTheBlock) {
   EXPECT_EQ(client.GetLogLevel("A") + client.GetLogLevel(buffer), 14);
   buffer[0] = 'B';
   EXPECT_EQ(client.GetLogLevel(buffer), 4);
-  client.RegLogMod("A");  // once more: the new slot counts, also where the old one was known
-  mod.logs[2].log_level = 2;
-  EXPECT_EQ(client.GetLogLevel("A"), 2);
   EXPECT_EQ(client.GetLogLevel(nullptr), 4);  // an empty name, which leaves its slot free
   EXPECT_EQ(client.GetLogLevel(std::string(40, 't')), 4);
-  EXPECT_EQ(NameOf(mod.logs[3].log_name), std::string(30, 't'));
-  for (int i = 4; i < 32; ++i) EXPECT_EQ(client.GetLogLevel("T" + std::to_string(i)), 4);
-  const Rows lines = LinesOf([&] {
-    for (int twice = 0; twice < 2; ++twice) EXPECT_EQ(client.GetLogLevel("T32"), 7);
-    client.SetLogLevel(8);
-    SystemLogClient().SetLogLevel(3);
-  });
-  EXPECT_EQ(lines, (Rows{"register log T32 failed, module 32 is full.", "log level 8 is invalid.",
-                         "module  not registered.", ""}));
+  EXPECT_EQ(NameOf(mod.logs[2].log_name), std::string(30, 't'));
+  for (int i = 3; i < 32; ++i) EXPECT_EQ(client.GetLogLevel("T" + std::to_string(i)), 4);
+  EXPECT_EQ(client.GetLogLevel("T32"), 7);
   block.Fill(0);  // the server has started behind our back
   EXPECT_EQ(client.GetLogLevel("T31") + client.IsRunning(), 0);
+  client.Stop();
+  EXPECT_EQ(client.GetLogLevel("T31"), 7);  // no record any more, and no fault
 }
 
-// Behind a start that failed every call reaches its line and none faults.
+// Behind a start that failed every call reaches its end and none faults.
 TEST(LogClient, FailedStartIsHarmless) {
   NEED_PRIVATE_WORLD();
   Block block;
   for (ModSta& mod : block->mods) strcpy(mod.mod_name, "taken");
-  const Rows lines = LinesOf([] {
-    EXPECT_EQ(log_init_v2(6, "late", 0), -1);
-    BSP_LOG_DEBUG("MOD_T", "unfiltered");
-    BSP_TRACE(1, 2, "t");
-    BSP_FEED_DOG();
-    log_send_msg(nullptr);
-    EXPECT_EQ(mod_is_running(), 1);
-    for (int twice = 0; twice < 2; ++twice) log_deinit();
-  });
-  const std::string dropped = "hdl_ not init 0, or msg is null ";
-  const Rows starts = {"register module late failed, module 32 is full.",
-                       "register module late failed.",
-                       "log start failed.",
-                       "cur_sta_ptr_ is null.",
-                       "[",
-                       dropped + "0x",
-                       dropped + "0x",
-                       dropped + "(nil).",
-                       ""};
-  ASSERT_EQ(lines.size(), starts.size());
-  for (size_t i = 0; i < lines.size(); ++i) EXPECT_EQ(lines[i].rfind(starts[i], 0), 0u) << lines[i];
+  ASSERT_EQ(log_init_v2(6, "late", 0), -1);
+  BSP_LOG_DEBUG("MOD_T", "unfiltered");
+  BSP_TRACE(1, 2, "t");
+  BSP_FEED_DOG();
+  log_send_msg(nullptr);
+  EXPECT_EQ(mod_is_running(), 1);
+  for (int twice = 0; twice < 2; ++twice) log_deinit();
 }
 
 // The datagram is the record byte for byte: head stamped by the client whatever the caller put
@@ -185,26 +152,6 @@ TEST(LogClient, RecordsOnTheWire) {
   bsp::Socket server;
   ASSERT_TRUE(server.Create(bsp::Socket::SOCKET_DGRAM));
   ASSERT_TRUE(server.Bind(bsp::SocketAddress("0.0.0.0", bsp::kLogPort)));
-  const Rows lines = LinesOf([&] {
-    char words[][16] = {"/usr/bin/wire", "rest", "-p", "7"};
-    char* argv[] = {words[0], words[1], words[2], words[3], nullptr};
-    EXPECT_EQ(log_init(4, argv, 0), 0);
-    EXPECT_EQ(argv[1], words[1]);  // not reordered
-    BSP_TRACE(-9, 4, "trace %d", 1);
-    BSP_CONTROL(5, "%s", std::string(1500, 'c').c_str());
-    BSP_SYSTEM(2, "system");
-    BSP_FEED_DOG();
-    LogMsg own = bsp::kLogMsgPrototype;
-    memset(own.mod_name, 'x', sizeof own.mod_name);
-    own.magic = 0;
-    own.type = 6;
-    log_send_msg(&own);
-    memset(block->mods[0].mod_name, 'g', 32);
-    log_send_msg(&own);
-    block.Fill(0);
-    log_send_msg(&own);
-  });
-  EXPECT_EQ(lines.at(3), "log level 7.");
   const auto expect_next = [&](int type, int len, int level, int flow, int64_t trace,
                                const std::string& name, const std::string& text) {
     LogMsg got;
@@ -216,13 +163,23 @@ TEST(LogClient, RecordsOnTheWire) {
     EXPECT_EQ(memcmp(&got, &expected, sizeof got), 0) << text;
     EXPECT_LT(TimeUtil::ClockMillis() - got.timems, 60000);
   };
+  ASSERT_EQ(log_init_v2(6, "wire", 0), 0);
+  BSP_TRACE(-9, 4, "trace %d", 1);
   expect_next(LOG_TYPE_BUS, 7, 6, 4, -9, "wire", "trace 1");
+  BSP_CONTROL(5, "%s", std::string(1500, 'c').c_str());
   expect_next(LOG_TYPE_CTRL, 1500, 6, 5, 0, "wire", std::string(1022, 'c'));
-  expect_next(LOG_TYPE_CTRL, 6, 2, 0, 0, "wire", "system");
+  BSP_FEED_DOG();
   expect_next(LOG_TYPE_FEED_DOG, 20, 0, 0, 0, "wire", "module wire feed dog");
-  for (const std::string& name : {std::string("wire"), std::string(31, 'g'), std::string()}) {
-    expect_next(LOG_TYPE_SEARCH, 0, 6, 0, 0, name, "");
+  LogMsg own = bsp::kLogMsgPrototype;
+  own.type = 6;
+  for (const char byte : {'g', '\0'}) {
+    own.magic = 0;
+    memset(own.mod_name, 'x', sizeof own.mod_name);
+    memset(block->mods[0].mod_name, byte, 32);
+    log_send_msg(&own);
+    expect_next(LOG_TYPE_SEARCH, 0, 6, 0, 0, std::string(byte == '\0' ? 0 : 31, 'g'), "");
   }
+  log_deinit();
 }
 
 // Threads that meet new tags at the same moment: each tag takes one slot, and each answer is that
@@ -258,6 +215,7 @@ TEST(LogClient, NewTagsOfManyThreads) {
 // none is found late. What a dead claimant or garbage left behind is taken over.
 TEST(LogClient, ModulesThatStartAtOnce) {
   NEED_PRIVATE_WORLD();
+  const FrozenClock clock;  // however long it takes, none becomes late in earnest
   const int32_t dead = test::Child::Fork([] { return 0; }).pid();  // reaped at once
   for (int round = 0; round < 25; ++round) {
     int gate[2];
@@ -265,7 +223,7 @@ TEST(LogClient, ModulesThatStartAtOnce) {
     bsp::LogSrvCfg cfg;
     SysWdg wdg(cfg);
     auto block = std::make_unique<Block>();
-    wdg.Init(block->get());
+    wdg.Init(block->ptr());
     for (ModSta& mod : (*block)->mods) {
       memset(mod.mod_name, 0xff, 32);
       memcpy(mod.mod_name, &mod - (*block)->mods < 16 ? "\0clm" : "\0xyz", 4);
@@ -300,7 +258,7 @@ TEST(LogClient, ModulesThatStartAtOnce) {
       const std::string name = NameOf(mod.mod_name);
       names.insert(name);
       EXPECT_EQ(Told(mod), name + " 1 0 20 6 " + name + " 6");  // its first tag, not wiped
-      EXPECT_LT(TimeUtil::ClockSecond() - mod.feed_time, 60);
+      EXPECT_EQ(mod.feed_time, test::kFrozen);
     }
     EXPECT_EQ(names.size() - names.count(""), 32u);
   }
@@ -308,86 +266,58 @@ TEST(LogClient, ModulesThatStartAtOnce) {
 
 // ---- The watchdog
 
-// What modules left in the block is gone, the configured ones stand there with 60 seconds, and one
-// that finds no room fails alone.
-TEST(Watchdog, StartClearsAndRegisters) {
-  NEED_PRIVATE_WORLD();
-  Block block;
-  block.Fill(0x5a);
-  bsp::LogSrvCfg cfg;
-  for (int i = 1; i < 32; ++i) cfg.modules[i] = "m" + std::to_string(i);
-  SysWdg wdg(cfg);
-  EXPECT_FALSE(wdg.Init(nullptr));
-  ASSERT_TRUE(wdg.Init(block.get()));
-  EXPECT_EQ(Told(block->mods[0]), "m1 0 0 60 0  6");
-  EXPECT_EQ(Told(block->mods[31]), " 0 0 0 0  0");
-  EXPECT_EQ(SysWdg::ModuleRegister(block.get(), "m1"), &block->mods[0]);
-  EXPECT_EQ(Told(block->mods[0]), "m1 0 1 60 0  6");
-  EXPECT_EQ(SysWdg::ModuleRegister(block.get(), std::string(40, 'x')), &block->mods[31]);
-  EXPECT_EQ(Told(block->mods[31]), std::string(30, 'x') + " 0 0 60 0  6");
-  EXPECT_EQ(SysWdg::ModuleRegister(block.get(), "one too many"), nullptr);
-  EXPECT_EQ(SysWdg::ModuleRegister(nullptr, "m"), nullptr);
-}
-
 // Late is later than the time-out, and only without a feed since the last check. A feed goes to the
 // first record that it names or begins. Garbage in the block is read within its bytes.
 TEST(Watchdog, FeedsAndLateModules) {
   NEED_PRIVATE_WORLD();
-  constexpr int64_t now = test::kFrozen;
-  test::g_clock_shift = now;
+  const FrozenClock clock;
   Block block;
   bsp::LogSrvCfg cfg;
   cfg.modules[5] = "abc";
   cfg.modules[7] = "ab";
   cfg.modules[9] = std::string(30, 'l');
   SysWdg wdg(cfg);
-  wdg.FeedModuleWatchDog("ab");  // before the block is there
-  ASSERT_TRUE(wdg.Init(block.get()));
-  ModSta& abc = block->mods[0];
-  ModSta& ab = block->mods[1];
-  const auto check = [&](int64_t ago_abc, int64_t ago_ab, int feeds) {
-    abc.feed_time = now - ago_abc;
-    ab.feed_time = now - ago_ab;
-    abc.feed_cnt = feeds;
+  ASSERT_TRUE(wdg.Init(block.ptr()));
+  ModSta* mods = block->mods;
+  const auto late_after = [&](int64_t seconds_abc, int64_t seconds_ab, int feeds) {
+    mods[0].feed_time = test::kFrozen - seconds_abc;
+    mods[0].feed_cnt = feeds;
+    mods[1].feed_time = test::kFrozen - seconds_ab;
     std::string out = "old";
     const bool is_late = wdg.IsHadTimeOut(out);
     EXPECT_EQ(is_late, !out.empty());
-    EXPECT_EQ(abc.feed_cnt, 0);
     return out;
   };
-  abc.timeout = 20;
-  EXPECT_EQ(check(20, 60, 0), "");
-  EXPECT_EQ(check(25, 70, 0), "mod abc(25, 20) ab(70, 60)  not feed the dog\n");
-  EXPECT_EQ(check(25, 70, 3), "mod ab(70, 60)  not feed the dog\n");
-  wdg.FeedModuleWatchDog(nullptr);
+  EXPECT_EQ(late_after(60, 60, 0), "");
+  EXPECT_EQ(late_after(65, 61, 0), "mod abc(65, 60) ab(61, 60)  not feed the dog\n");
+  EXPECT_EQ(late_after(65, 70, 3), "mod ab(70, 60)  not feed the dog\n");
   for (const std::string& mod : Rows{"ab", "ab", "abcd", "", "b", std::string(31, 'l')}) {
     wdg.FeedModuleWatchDog(mod.c_str());
   }
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(block->mods[i].feed_cnt, i == 0 ? 2 : 0);
-  EXPECT_EQ(abc.feed_time, now);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(mods[i].feed_cnt, i == 0 ? 2 : 0);
+  EXPECT_EQ(mods[0].feed_time, test::kFrozen);
 
   block.Fill(0xff);
-  abc.feed_cnt = INT32_MAX;
+  mods[0].feed_cnt = INT32_MAX;
   wdg.FeedModuleWatchDog(std::string(100, '\xff').c_str());
-  EXPECT_EQ(abc.feed_cnt, INT32_MIN);
-  ab.feed_cnt = 0;
-  ab.feed_time = INT64_MIN;
+  EXPECT_EQ(mods[0].feed_cnt, INT32_MIN);
+  mods[1].feed_cnt = 0;
+  mods[1].feed_time = INT64_MIN;
   std::string out;
   wdg.IsHadTimeOut(out);
   EXPECT_LT(out.size(), 32u * 80);
-  test::g_clock_shift = 0;
 }
 
 // A terminal in place of a watchdog device.
 struct Device {
-  explicit Device(int timeout = 60) : terminal(posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK)) {
+  Device() : terminal(posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK)) {
     EXPECT_TRUE(terminal != -1 && grantpt(terminal) == 0 && unlockpt(terminal) == 0);
     path = ptsname(terminal);
     held = open(path.c_str(), O_RDWR | O_NOCTTY);  // without it a close would drop the bytes
     termios raw = {};
     cfmakeraw(&raw);
     EXPECT_EQ(tcsetattr(held, TCSANOW, &raw), 0);
-    g_device_timeout = timeout;
+    g_device_timeout = 60;
   }
   ~Device() {
     g_device_timeout = 0;
@@ -396,10 +326,9 @@ struct Device {
   }
   // What has been written to it since the last call, a feed as '.'.
   std::string Written() {
-    char bytes[64];
-    const ssize_t count = read(terminal, bytes, sizeof bytes);
-    std::string text(bytes, static_cast<size_t>(std::max<ssize_t>(count, 0)));
-    std::replace(text.begin(), text.end(), '\0', '.');
+    std::string text;
+    char byte;
+    while (read(terminal, &byte, 1) == 1) text += byte == '\0' ? '.' : byte;
     return text;
   }
   const int terminal;
@@ -412,17 +341,14 @@ struct Device {
 TEST(Watchdog, DeviceIsArmedAndDisarmed) {
   bsp::LogSrvCfg cfg;
   std::string why;
-  Device device(0);
-  EXPECT_FALSE(SysWdg(cfg, "/nowhere/watchdog").ArmDeviceWatchDog(&why));
+  Device device;
   const std::pair<int, const char*> outcomes[] = {{0, ""}, {14, "V"}, {15, ".V"}};
   for (const auto& [timeout, written] : outcomes) {
     g_device_timeout = timeout;
     {
       SysWdg wdg(cfg, device.path);
-      for (int twice = 0; twice < 2; ++twice) {
-        EXPECT_EQ(wdg.ArmDeviceWatchDog(&why), timeout == 15) << why;
-        if (timeout == 14) break;
-      }
+      EXPECT_EQ(wdg.ArmDeviceWatchDog(&why), timeout == 15) << why;
+      EXPECT_TRUE(timeout != 15 || wdg.ArmDeviceWatchDog(&why)) << why;
       wdg.FeedDeviceWatchDog();
     }
     EXPECT_EQ(device.Written(), written);
@@ -436,7 +362,6 @@ bsp::LogSrvOptions AllOptions(const std::string& watchdog_device = "") {
   options.flush_at_stop = true;
   options.bind_at_start = true;
   options.datagrams_per_turn = 16;
-  options.record_drops = true;
   options.loopback_only = true;
   options.watchdog_device = watchdog_device;
   return options;
@@ -499,6 +424,7 @@ struct Sender {
 // all options only those of this machine's loopback, also with a descriptor above 1023.
 TEST(LogServer, Datagrams) {
   NEED_PRIVATE_WORLD();
+  const FrozenClock clock;  // no pass counts the feeds down
   ifreq alias = {};
   strcpy(alias.ifr_name, "lo:1");
   const bsp::SocketAddress foreign("10.9.9.9", 0);
@@ -517,13 +443,13 @@ TEST(LogServer, Datagrams) {
     Block block;
     bsp::LogSrvOptions options = all ? AllOptions() : bsp::LogSrvOptions();
     options.flush_at_stop = true;
+    const std::string name(30, 'm');
     Server server(options,
                   "[log_size]\nlog_bus_size=0\nlog_ctrl_size=-5\nlog_sys_size=7\n"
                   "[watchdog]\nmodule_31=" +
-                      std::string(30, 'm') + "\n");
-    EXPECT_EQ(server->cfg().log_bus_size, 20000);  // what is senseless has its default
-    EXPECT_EQ(server->cfg().log_ctrl_size, 10000);
-    EXPECT_EQ(server->cfg().log_sys_size, 7);
+                      name + "\n");
+    const bsp::LogSrvCfg& cfg = server->cfg();  // what is senseless has its default
+    EXPECT_EQ(cfg.log_bus_size + cfg.log_ctrl_size + cfg.log_sys_size, 20000 + 10000 + 7);
     for (const int fd : fill) close(fd);
     server.Loop();
     Sender sender;
@@ -536,22 +462,16 @@ TEST(LogServer, Datagrams) {
     sender.Send(LOG_TYPE_BUS, std::string(1024, 'x'), 1023, 0xaa55aa55, 16);  // head only
     sender.Send(LOG_TYPE_BUS, "s", 1, 0xaa55aa55, 3);
     sender.Send(LOG_TYPE_CTRL, std::string(1024, 'x'), 1023);
-    sender.Send(LOG_TYPE_CTRL, "no text", 0);
-    sender.Send(LOG_TYPE_CTRL, "'); DROP TABLE tbl_bus_log; --\"\xff\x01");
     sender.Send(3, "no table");
-    sender.Send(LOG_TYPE_SEARCH, "search");
     sender.Send(LOG_TYPE_SYS, "from a module");
     sender.Send(LOG_TYPE_FEED_DOG, "");  // its name has no end: cut at 31 it matches nothing
-    sender.Send(LOG_TYPE_FEED_DOG, "", 0, 0xaa55aa55, 1096, std::string(30, 'm'));
+    sender.Send(LOG_TYPE_FEED_DOG, "", 0, 0xaa55aa55, 1096, name);
     sender.Send(LOG_TYPE_BUS, "last");
     server.Stop();
     EXPECT_EQ(server.Table("tbl_bus_log"), (Rows{"6 3 -4 bu", "6 0 0 ", "6 3 -4 last"}));
-    EXPECT_EQ(server.Table("tbl_ctrl_log"),
-              (Rows{"6 3 -4 " + std::string(1023, 'x'), "6 3 -4 ",
-                    "6 3 -4 '); DROP TABLE tbl_bus_log; --\"\xff\x01"}));
+    EXPECT_EQ(server.Table("tbl_ctrl_log"), Rows{"6 3 -4 " + std::string(1023, 'x')});
     const Rows own = server.Table("tbl_sys_log");
     EXPECT_EQ(own.size(), all ? 2u : 3u);
-    EXPECT_EQ(own[0].find("3 0 0 20"), 0u) << own[0];
     EXPECT_NE(own[0].find(" System start ...20"), std::string::npos) << own[0];
     EXPECT_EQ(block->mods[0].feed_cnt, 1);
   }
@@ -577,7 +497,7 @@ TEST(LogServer, StopInAnyOrder) {
   for (int round = 0; round < 20; ++round) {
     Server server;
     Sender sender;
-    for (int i = 0; i < 80; ++i) sender.Send(LOG_TYPE_BUS, "row");  // the port is taken already
+    for (int i = 0; i < 60; ++i) sender.Send(LOG_TYPE_BUS, "row");  // the port is taken already
     std::atomic<bool> is_over{false};
     std::thread flood([&] {
       while (!is_over) Sender().Send(3, "");
@@ -588,7 +508,7 @@ TEST(LogServer, StopInAnyOrder) {
     is_over = true;
     flood.join();
     loop.join();
-    EXPECT_EQ(server.Table("tbl_bus_log").size(), 80u);
+    EXPECT_EQ(server.Table("tbl_bus_log").size(), 60u);
   }
 }
 
@@ -597,10 +517,10 @@ TEST(LogServer, StopInAnyOrder) {
 // All that while empty datagrams come without end, which must not keep the passes from running.
 TEST(LogServer, LateModulesStopTheDevice) {
   NEED_PRIVATE_WORLD();
+  const FrozenClock clock;  // a pass runs when the test adds to it
   Block block;
   Device device;
   bsp::LogSrvOptions options = AllOptions(device.path);
-  options.record_drops = false;
   std::atomic<int> turns{0};
   options.on_turn = [&turns] { ++turns; };
   Server server(options, "[watchdog]\nmodule_0=mod\n");
@@ -611,15 +531,11 @@ TEST(LogServer, LateModulesStopTheDevice) {
   std::thread flood([&] {
     while (!is_over) Sender().Send(0, "", 0, 0, 0);
   });
-  // Lets the next pass come due and waits until it has run: it counts down this record's feeds.
-  ModSta* witness = SysWdg::ModuleRegister(block.get(), "witness");
-  ASSERT_NE(witness, nullptr);
+  // Lets the next pass come due and waits until it has run: a turn is told before its pass.
   const auto next_pass = [&](int seconds = 5) {
-    bsp::StoreWord(witness->feed_cnt, 5);
     test::g_clock_shift += seconds;
-    while (bsp::LoadWord(witness->feed_cnt) != 0) TimeUtil::SleepMs(1);
-    const int turn = turns;  // a turn is told before its pass
-    while (turns == turn) TimeUtil::SleepMs(1);
+    const int turn = turns;
+    while (turns < turn + 2) TimeUtil::SleepMs(1);
     return device.Written();
   };
   EXPECT_EQ(next_pass(), ".");
@@ -628,27 +544,25 @@ TEST(LogServer, LateModulesStopTheDevice) {
   const std::string marker = "/mnt/nand/watchdog_close.conf";
   const struct {
     int wdg_enable;
-    bool has_marker, has_fed;
+    bool has_marker;
     const char* written;
-  } passes[] = {{1, false, false, ""}, {0, false, false, "."}, {0, true, false, ".."},
-                {1, true, false, "."}, {1, false, false, ""},  {1, false, true, "."}};
+  } passes[] = {{1, false, ""}, {0, false, "."}, {0, true, ".."}, {1, true, "."}, {1, false, ""}};
   for (const auto& pass : passes) {
     bsp::StoreWord(block->wdg_enable, pass.wdg_enable);
     std::filesystem::remove(marker);
     if (pass.has_marker) FileUtil::WriteToFile(marker, "");
-    if (pass.has_fed) bsp::StoreWord(block->mods[0].feed_cnt, 1);
     EXPECT_EQ(next_pass(), pass.written);
   }
+  bsp::StoreWord(block->mods[0].feed_cnt, 1);
+  EXPECT_EQ(next_pass(), ".");
   is_over = true;
   flood.join();
   server.Stop();
-  test::g_clock_shift = 0;
   g_log_level = BSP_LEVEL_INFO;
   EXPECT_EQ(device.Written(), "V");
   const Rows own = server.Table("tbl_sys_log");
   ASSERT_EQ(own.size(), 2u);
-  EXPECT_EQ(own[1].substr(0, 6), "3 0 0 ");
-  EXPECT_NE(own[1].find(" mod mod(7"), std::string::npos) << own[1];
+  EXPECT_NE(own[1].find(" mod mod(70, 60)"), std::string::npos) << own[1];
 }
 
 // A wait that a signal cuts short ends the loop. That is a failure: the device stays armed, and
