@@ -58,6 +58,7 @@ using bsp::NameOf;
 using bsp::SystemLogClient;
 using bsp::SysWdg;
 using bsp::TimeUtil;
+using test::FrozenClock;
 using test::Rows;
 
 // The block as a tool sees it, new and empty.
@@ -67,12 +68,6 @@ struct Block : bsp::StatusBlockHandle {
     EXPECT_TRUE(InitForWrite(bsp::kSystemStatusName, bsp::kSystemStatusSize, 1));
   }
   void Fill(int byte) { memset(static_cast<void*>(ptr()), byte, sizeof(bsp::SystemStatus)); }
-};
-
-// While it exists, the raw clock stands still but for what a test adds.
-struct FrozenClock {
-  FrozenClock() { test::g_clock_shift = test::kFrozen; }
-  ~FrozenClock() { test::g_clock_shift = 0; }
 };
 
 // "name running feed_cnt timeout log_level", name of the first tag, level of the last.

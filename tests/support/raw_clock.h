@@ -15,6 +15,12 @@ namespace test {
 inline std::atomic<time_t> g_clock_shift{0};
 constexpr time_t kFrozen = 1000000;
 
+// While it exists, the clock stands but for what the test adds.
+struct FrozenClock {
+  FrozenClock() { g_clock_shift = kFrozen; }
+  ~FrozenClock() { g_clock_shift = 0; }
+};
+
 }  // namespace test
 
 // In front of the C library's.
