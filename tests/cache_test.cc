@@ -106,8 +106,8 @@ TEST_F(Cache, PropertyKeepsBytesAndRefusesInOrder) {
 TEST_F(Cache, PropertyIsNeverTorn) {
   InOwnWorld([] {
     constexpr uint64_t kWorkers = 9;
-    test::Shared<std::atomic<uint64_t>> satisfied;
-    test::Shared<std::atomic<int>> bad;
+    auto* const satisfied = test::NewShared<std::atomic<uint64_t>>();
+    auto* const bad = test::NewShared<std::atomic<int>>();
     const auto work = [&](uint64_t id) {
       int foreign = 0;
       for (uint64_t i = 0; *satisfied < kWorkers && *bad == 0; ++i) {
@@ -174,10 +174,10 @@ TEST_F(Cache, PropertyIsWholeBehindAKilledSet) {
 TEST_F(Cache, PropertyInitIsRacedForAndTriedAgain) {
   for (int round = 0; round < 20; ++round) {
     InOwnWorld([] {
-      test::Shared<std::atomic<int>> ready;
+      auto* const ready = test::NewShared<std::atomic<int>>();
       std::vector<Child> children;
       for (const char* key : {"a", "b", "c", "d"}) {
-        children.push_back(Child::Fork([&ready, key] {
+        children.push_back(Child::Fork([=] {
           for (++*ready; *ready < 4;) sched_yield();
           return SetText(key, key);
         }));
@@ -352,8 +352,8 @@ TEST_F(Cache, EventsOutliveKilledWriters) {
     };
     ASSERT_TRUE(open(std::make_unique<bsp::EventCache>().get(), false));
     g_log_level = BSP_LEVEL_EMERG;  // a missing key is no news here
-    test::Shared<std::atomic<bool>> is_over;
-    const auto read_all = [&is_over] {
+    auto* const is_over = test::NewShared<std::atomic<bool>>();
+    const auto read_all = [is_over] {
       if (event_cache_init_read() != 0) return 1;
       bool has_read = false;
       for (unsigned long key = 0; !*is_over; key = (key + 1) % kEvents) {

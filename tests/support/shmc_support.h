@@ -78,24 +78,12 @@ class RawSegment {
   shmc::ShmHandle<char, ShmAlloc> shm_;
 };
 
-// An object that forked processes share.
+// An object that forked processes share, never given back.
 template <typename T>
-class Shared {
- public:
-  Shared()
-      : place_(
-            mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) {
-    new (place_) T();
-  }
-  ~Shared() { munmap(place_, sizeof(T)); }
-  Shared(const Shared&) = delete;
-  Shared& operator=(const Shared&) = delete;
-  T& operator*() const { return *static_cast<T*>(place_); }
-  T* operator->() const { return static_cast<T*>(place_); }
-
- private:
-  void* place_;
-};
+T* NewShared() {
+  return new (mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))
+      T();
+}
 
 // `size` bytes, 8 at least, that begin with the seed and all follow from it, so that a mixture of
 // two shows.
