@@ -33,7 +33,6 @@ TEST(MSError, MessageShowsTheWholeChain) {
             "open 7, connect failed.\n  [1] " + here + " -4\n  [2] in.cc:12 -4\n");
   EXPECT_EQ(MSError::Wrapf(inner, "%s", "")->Message(),
             "connect failed.\n  [1] :0 -4\n  [2] in.cc:12 -4\n");
-  EXPECT_EQ(MSError::Newf(3, "%s", "")->Message(), "\n  [1] :0 3\n");
   EXPECT_EQ(MSError::Wrapf(nullptr, "x")->ErrorCode(), -1);
   EXPECT_EQ(MSError::Newf(1, "x")->SetTracePoint(nullptr, 1)->Message(), "x.\n  [1] :1 1\n");
   MSError on_stack("text", 1, nullptr);
@@ -82,7 +81,6 @@ TEST(Log, FiltersAndPrints) {
     for (std::thread& thread : threads) thread.join();
   });
   ASSERT_EQ(lines.size(), kSingle + kThreads * kLines + 1);
-  EXPECT_EQ(lines[0][0], '[');
   EXPECT_EQ(lines[0].substr(24, 28), "] MOD_T <info> base_test.cc:");
   EXPECT_NE(lines[0].find(" operator(), passed 2"), std::string::npos);
   EXPECT_EQ(lines[1], "log level 8 is invalid.");
@@ -101,13 +99,10 @@ TEST(StringHelper, BothSidesOfEachLimit) {
   EXPECT_EQ(StringHelper::Format("%s-%d", "a", 5) + StringHelper::Format(nullptr), "a-5");
   EXPECT_EQ(StringHelper::Split("a,,b,", ","), (Pieces{"a", "", "b", ""}));
   EXPECT_EQ(StringHelper::Split("a::b:c", "::"), (Pieces{"a", "b:c"}));
-  EXPECT_EQ(StringHelper::Split("abc", ","), (Pieces{"abc"}));
   EXPECT_TRUE(StringHelper::Split("abc", "").empty() && StringHelper::Split("", ",").empty());
-
   EXPECT_EQ(StringHelper::Compare("abc", 3, "abcd", 4), 0);
   EXPECT_LT(StringHelper::Compare("abb", 3, "abcd", 4), 0);
   EXPECT_EQ(StringHelper::Compare(nullptr, 3, "a", 1) + StringHelper::Compare("a", 1, "a", 0), -2);
-
   char dst[6] = "#####";
   EXPECT_EQ(StringHelper::Copy(dst, 5, "") + StringHelper::Copy(dst, 0, "ab"), 0u);
   EXPECT_EQ(StringHelper::Copy(dst, 5, nullptr) + StringHelper::Copy(nullptr, 5, "ab"), 0u);
@@ -115,8 +110,7 @@ TEST(StringHelper, BothSidesOfEachLimit) {
   EXPECT_EQ(StringHelper::Copy(dst, 4, "abcdefgh"), 3u);
   EXPECT_EQ(std::string(dst, 6), std::string("abc\0#", 6));
 
-  EXPECT_EQ(StringHelper::ToInt32("0042", 7), 42);
-  EXPECT_EQ(StringHelper::ToInt32("2147483647", 7), 2147483647);
+  EXPECT_EQ(StringHelper::ToInt32("02147483647", 7), 2147483647);
   for (const char* bad : {"", "12a", "-5", "+5", " 5", "2147483648", "99999999999999999999"}) {
     EXPECT_EQ(StringHelper::ToInt32(bad, 7), 7) << bad;
   }
@@ -129,13 +123,11 @@ TEST(FileUtil, WholeFiles) {
   const std::string dir = test::MakeTempDir();
   const std::string path = dir + "/f";
   std::string content = "old";
-  EXPECT_FALSE(FileUtil::IsFileExist(path));
-  EXPECT_FALSE(FileUtil::ReadToString(path, content) || FileUtil::ReadToString(dir, content));
+  EXPECT_FALSE(FileUtil::IsFileExist(path) || FileUtil::ReadToString(path, content));
+  EXPECT_FALSE(FileUtil::ReadToString(dir, content));
   EXPECT_EQ(content, "old");
-  for (const std::string& bytes :
-       {std::string("a\0b\n\xff", 5), std::string(9999, 'x'), std::string()}) {
-    EXPECT_TRUE(FileUtil::WriteToFile(path, bytes));
-    EXPECT_TRUE(FileUtil::ReadToString(path, content));
+  for (const auto& bytes : {std::string("a\0b\n\xff", 5), std::string(9999, 'x'), std::string()}) {
+    EXPECT_TRUE(FileUtil::WriteToFile(path, bytes) && FileUtil::ReadToString(path, content));
     EXPECT_EQ(content, bytes);
   }
   EXPECT_TRUE(FileUtil::IsFileExist(path));
@@ -156,16 +148,16 @@ TEST(TimeUtil, TextsAndClocks) {
   });
   ASSERT_EQ(lines.size(), 4u);
   EXPECT_EQ(lines[0], "2 3 0");
-  EXPECT_EQ(lines[1].size(), 23u);
-  EXPECT_EQ(lines[1][19], '.');
-  EXPECT_EQ(lines[2].size(), 19u);
+  EXPECT_TRUE(lines[1].size() == 23 && lines[1][19] == '.' && lines[2].size() == 19);
 
   EXPECT_EQ(bsp::ProcUtil::GetTid(), getpid());
   std::thread([] { EXPECT_NE(bsp::ProcUtil::GetTid(), getpid()); }).join();
   const int64_t before = TimeUtil::ClockMillis();
   TimeUtil::SleepMs(20);
   EXPECT_GE(TimeUtil::ClockMillis() - before, 19);  // the raw clock may run a little slower
-  EXPECT_LE(std::abs(TimeUtil::TimeSecond() - TimeUtil::TimeMillis() / 1000), 1);
+  const int64_t early = TimeUtil::TimeMillis();
+  const int64_t second = TimeUtil::TimeSecond();  // of a clock that ticks more coarsely
+  EXPECT_TRUE(second >= early / 1000 - 1 && second <= TimeUtil::TimeMillis() / 1000) << second;
 }
 
 }  // namespace

@@ -48,7 +48,6 @@ class SigslotTest : public ::testing::Test {
   std::unique_ptr<Receiver>& At(char name) { return receivers_[name - 'a']; }
 
   void Raise() { (*signal_)(std::make_shared<int>(7), "seven"); }
-
   // The names of the receivers that one emission calls, and "!" for an exception that came through.
   std::string Emit() {
     calls_.clear();
@@ -90,9 +89,9 @@ TEST_F(SigslotTest, EitherSideMayDieFirst) {
 TEST_F(SigslotTest, SlotMayDoAnything) {
   Receiver late('l', &calls_);
   const auto connect_late = [&] { signal_->connect(&late, &Receiver::OnSignal); };
-  const auto drop = [this](const char* names) {
+  const auto drop = [this](const std::string& names) {
     return [this, names] {
-      for (const char* name = names; *name != '\0'; ++name) At(*name).reset();
+      for (const char name : names) At(name).reset();
     };
   };
   // Emits twice more from inside, and does `last` in the innermost walk.
@@ -107,10 +106,8 @@ TEST_F(SigslotTest, SlotMayDoAnything) {
     const char* during;
     const char* behind;
   } courses[] = {
-      {"destroys its receiver", 'b', drop("b"), "abcd", "acd"},
       {"destroys its receiver, the last", 'd', drop("d"), "abcd", "abc"},
       {"takes out one before", 'b', drop("a"), "abcd", "bcd"},
-      {"takes out the next", 'b', drop("c"), "abd", "abd"},
       {"takes out itself and the next", 'b', drop("bc"), "abd", "ad"},
       {"takes out everyone", 'b', drop("abcd"), "ab", ""},
       {"ends all", 'b', [&] { signal_->disconnect_all(); }, "ab", ""},
@@ -118,7 +115,6 @@ TEST_F(SigslotTest, SlotMayDoAnything) {
       {"connects while others are to come", 'a', connect_late, "abcdl", "abcdl"},
       {"connects while the last one runs", 'd', connect_late, "abcd", "abcdl"},
       {"emits again, then takes out what is next", 'a', nest(drop("b")), "aaacdcdcd", "acd"},
-      {"destroys the signal", 'b', [&] { signal_.reset(); }, "ab", ""},
       {"destroys it under three walks", 'b', nest([&] { signal_.reset(); }), "ababab", ""},
   };
   for (const auto& course : courses) {
