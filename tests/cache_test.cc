@@ -23,7 +23,6 @@
 #include "bsp/shmc/svipc_mutex.h"
 #include "tests/support/child.h"
 #include "tests/support/shmc_support.h"
-#include "tests/support/test_env.h"
 
 namespace {
 
@@ -32,14 +31,10 @@ using test::Child;
 using test::IsWhole;
 using test::Pattern;
 using test::SeedOf;
+using Cache = test::SegmentTest;
 
 constexpr key_t kPropertyKey = 0x66000000;
 constexpr key_t kCacheKeys[] = {0x65000000, 0x65000001, 0x65000010, 0x65000011};
-
-class Cache : public testing::Test {
- protected:
-  void SetUp() override { NEED_PRIVATE_WORLD(); }
-};
 
 // Runs the body in a fresh process and IPC namespace; gives all that it printed.
 std::string InOwnWorld(const std::function<void()>& body) {
@@ -48,7 +43,7 @@ std::string InOwnWorld(const std::function<void()>& body) {
     body();
     return testing::Test::HasFailure() ? 1 : 0;
   });
-  EXPECT_EQ(child.Wait(280000), 0) << child.output();
+  EXPECT_EQ(child.Wait(240000), 0) << child.output();
   return child.output();
 }
 

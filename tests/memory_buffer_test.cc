@@ -71,12 +71,7 @@ TEST(Pool, CachesEightBlocksInOrder) {
   }
   EXPECT_EQ(pool->CacheSize(), 0u);
   for (auto& block : blocks) block.reset();
-  testing::internal::CaptureStdout();
-  Block::DumpBlocksInfo();
-  BlockManager::RecyleBlock(nullptr);
-  pool->InternalRecyleBlock(nullptr);
-  const std::string out = testing::internal::GetCapturedStdout();
-  EXPECT_EQ(out.find("FlowCtrl>> Block cache total size:8, current use count:8\n"), 0u) << out;
+  EXPECT_EQ(pool->CacheSize(), kBlockCacheLimit);
   for (size_t i = 0; i < kBlockCacheLimit; ++i) {
     blocks[i] = Block::TakeBlock();
     EXPECT_EQ(blocks[i].get(), order[i]);
@@ -260,6 +255,9 @@ TEST(Buffer, StaysInsideItsBytes) {
 // No argument may crash, hang or change anything: null, self, blocks that lie or stand twice.
 TEST(Buffer, BearsHostileArguments) {
   testing::internal::CaptureStdout();  // the refusals
+  BlockManager::RecyleBlock(nullptr);
+  BlockManager::Instance()->InternalRecyleBlock(nullptr);
+  Block::DumpBlocksInfo();
   const Buffer buffer = BufferOf("text");
   char place[4];
   buffer->WriteBytes(nullptr, 5);

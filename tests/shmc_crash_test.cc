@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <ctime>
@@ -21,7 +20,6 @@
 #include "bsp/shmc/shm_hash_map.h"
 #include "tests/support/child.h"
 #include "tests/support/shmc_support.h"
-#include "tests/support/test_env.h"
 
 namespace {
 
@@ -33,16 +31,8 @@ using test::ReadValue;
 using test::RemoveSegments;
 using test::Reports;
 using test::ValueOf;
+using ShmcCrash = test::SegmentTest;
 using Clock = std::chrono::steady_clock;
-
-class ShmcCrash : public testing::Test {
- protected:
-  void SetUp() override {
-    NEED_PRIVATE_WORLD();
-    RemoveSegments();
-  }
-  void TearDown() override { RemoveSegments(); }
-};
 
 template <typename AnyMap>
 bool Store(AnyMap* map, unsigned long key, uint64_t store) {

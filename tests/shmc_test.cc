@@ -10,7 +10,6 @@
 
 #include "bsp/shmc/shm_hash_map.h"
 #include "tests/support/shmc_support.h"
-#include "tests/support/test_env.h"
 
 namespace {
 
@@ -22,15 +21,7 @@ using test::Map;
 using test::RawSegment;
 using test::RemoveSegments;
 using test::Reports;
-
-class Shmc : public testing::Test {
- protected:
-  void SetUp() override {
-    NEED_PRIVATE_WORLD();
-    RemoveSegments();
-  }
-  void TearDown() override { RemoveSegments(); }
-};
+using Shmc = test::SegmentTest;
 
 // Each way to attach does at each kind of segment what its callers count on, and says why not.
 TEST_F(Shmc, AttachByModeAndState) {
@@ -90,7 +81,6 @@ TEST_F(Shmc, LinkTableBytes) {
 TEST_F(Shmc, GeometryAndImpossibleSizes) {
   Reports reports;
   const std::pair<size_t, const char*> capacities[] = {{1, "rows=6 nodes=92 cap=85"},
-                                                       {50, "rows=6 nodes=92 cap=85"},
                                                        {100, "rows=7 nodes=189 cap=177"},
                                                        {1000, "rows=9 nodes=1480 cap=1455"},
                                                        {10000, "rows=11 nodes=12448 cap=12413"}};

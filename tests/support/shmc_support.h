@@ -3,6 +3,7 @@
 #ifndef BSP_TESTS_SUPPORT_SHMC_SUPPORT_H_
 #define BSP_TESTS_SUPPORT_SHMC_SUPPORT_H_
 
+#include <gtest/gtest.h>
 #include <sys/mman.h>
 
 #include <cstdint>
@@ -10,6 +11,7 @@
 #include <string>
 
 #include "bsp/shmc/shm_hash_map.h"
+#include "tests/support/test_env.h"
 
 namespace test {
 
@@ -27,6 +29,15 @@ inline void RemoveSegments() {
   ShmAlloc().Unlink(kHashName);
   ShmAlloc().Unlink(kLinkName);
 }
+
+// Each test begins without these segments.
+class SegmentTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    NEED_PRIVATE_WORLD();
+    RemoveSegments();
+  }
+};
 
 // Collects what the containers report, as "level text".
 class Reports {
