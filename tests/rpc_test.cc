@@ -25,22 +25,33 @@ using bsp::RpcClient;
 using bsp::RpcServer;
 using std::chrono::steady_clock;
 using test::CodeOf;
+using test::kPatienceMs;
 using test::RpcBytes;
 using test::RpcFrame;
 using test::RpcPeer;
 using test::RpcRecord;
 using test::RpcReply;
 
-constexpr int kPatienceMs = 20000;
+// Less than 90 loops take that nobody wakes: each sleeps a second.
+constexpr std::chrono::seconds kUnwoken{60};
 
 int NextPort() {
   static int port = 17800;
   return ++port;
 }
 
-std::shared_ptr<RpcClient> OpenClient(int port, RpcClient::Options options = {}) {
+struct Slots : public sigslot::has_slots<> {
+  void OnMessage(std::shared_ptr<RpcClient> client, RpcHeader*) { on_message(client); }
+  void OnError(std::shared_ptr<RpcClient>, std::shared_ptr<MSError>) { ++errors; }
+  std::function<void(const std::shared_ptr<RpcClient>&)> on_message;
+  std::atomic<int> errors{0};
+};
+
+std::shared_ptr<RpcClient> OpenClient(int port, RpcClient::Options options = {},
+                                      Slots* slots = nullptr) {
   auto client = std::make_shared<RpcClient>();
   client->SetOptions(options);
+  if (slots != nullptr) client->SignalError.connect(slots, &Slots::OnError);
   EXPECT_EQ(client->Open("127.0.0.1", static_cast<uint16_t>(port)), nullptr);
   return client;
 }
@@ -82,74 +93,54 @@ bool Await(const std::function<bool()>& condition) {
   return condition();
 }
 
-struct Slots : public sigslot::has_slots<> {
-  void OnMessage(std::shared_ptr<RpcClient> client, RpcHeader*) { on_message(client); }
-  void OnError(std::shared_ptr<RpcClient>, std::shared_ptr<MSError>) { ++errors; }
-  std::function<void(const std::shared_ptr<RpcClient>&)> on_message;
-  std::atomic<int> errors{0};
-};
-
-// The delimiter decides over every byte that both ends read: each side of each limit.
+// A delimiter that reads a byte too many, or takes any: each side of each limit.
 TEST(RpcFrame, DelimiterKeepsItsLimits) {
   const std::string frame = RpcBytes(RPC_TYPE_MESSAGE, 1, "a", std::string(396, 'p'));
-  std::vector<std::pair<std::string, int>> cases = {{std::string(103, 'x'), 0},
-                                                    {std::string(104, 'x'), -1},
-                                                    {frame.substr(0, 499), 0},
-                                                    {frame, 500},
-                                                    {frame + std::string(5000, 'q'), 500}};
-  for (const int size : {INT32_MIN, -1, 0, 1, 103}) {
-    cases.emplace_back(frame, std::max(size, 0));
-    memcpy(&cases.back().first[4], &size, sizeof size);
-  }
-  for (const auto& one : cases) {
+  const std::pair<std::string, int> cases[] = {{frame.substr(0, 103), 0},
+                                               {std::string(104, 'x'), -1},
+                                               {frame.substr(0, 499), 0},
+                                               {frame + "more", 500}};
+  for (const auto& [bytes, length] : cases) {
     const auto buffer = MemoryBuffer::Create();
-    buffer->WriteBytes(one.first.data(), one.first.size());
-    EXPECT_EQ(bsp::IsHadRpcPack(buffer), one.second);
-    EXPECT_EQ(buffer->ToString(), one.first);
+    buffer->WriteBytes(bytes.data(), bytes.size());
+    EXPECT_EQ(bsp::IsHadRpcPack(buffer), length);
+    EXPECT_EQ(buffer->ToString(), bytes);
   }
-  EXPECT_EQ(bsp::IsHadRpcPack(nullptr), 0);
 }
 
 // Without a descriptor for their loop both ends refuse to start.
 TEST(RpcServer, NeedsDescriptors) {
   if (test::kSanitizerNeedsDescriptors) GTEST_SKIP() << "the sanitizer needs descriptors itself";
-  RpcServer server;
-  RpcClient client;
   struct rlimit usual = {};
   getrlimit(RLIMIT_NOFILE, &usual);
   const struct rlimit none = {0, usual.rlim_max};
   setrlimit(RLIMIT_NOFILE, &none);
-  const auto server_error = server.Start("127.0.0.1", 1);
-  const auto client_error = client.Open("127.0.0.1", 1);
+  const auto server_error = RpcServer().Start("127.0.0.1", 1);
+  const auto client_error = RpcClient().Open("127.0.0.1", 1);
   setrlimit(RLIMIT_NOFILE, &usual);
   EXPECT_NE(server_error->Message().find("Failed to create event loop"), std::string::npos);
   EXPECT_NE(client_error->Message().find("create loop error"), std::string::npos);
 }
 
-// Start and Stop in every order, in no more time than a loop that is woken needs.
+// A Start or Stop out of turn that is not refused, a Stop that leaves the port, a connection or its
+// thread behind, or one that wakes nobody.
 TEST(RpcServer, StartsAndStops) {
   NEED_PRIVATE_WORLD();
   RpcServer().Stop();
   RpcServer::Options options;
   options.reuse_address = true;
-  std::atomic<int> ticks{0};
-  options.on_tick = [&] { ++ticks; };
   const int port = NextPort();
   RpcServer server(options);
   const auto begin = steady_clock::now();
-  for (int round = 0; round < 30; ++round) {
+  for (int round = 0; round < 90; ++round) {
     ASSERT_EQ(server.Start("127.0.0.1", port), nullptr);
     EXPECT_EQ(CodeOf(server.Start("127.0.0.1", port)), -1);
-    EXPECT_EQ(CodeOf(RpcServer(options).Start("127.0.0.1", port)), -1);
     RpcPeer peer(port);
     EXPECT_TRUE(peer.IsServed());
     server.Stop();
     EXPECT_TRUE(peer.IsClosedByPeer());
   }
-  EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(15));  // unwoken: 30
-
-  ASSERT_EQ(server.Start("127.0.0.1", port), nullptr);
-  EXPECT_TRUE(Await([&] { return ticks > 0; }));
+  EXPECT_LT(steady_clock::now() - begin, kUnwoken);
 }
 
 // What a client writes, and what it makes of each kind of answer.
@@ -160,57 +151,43 @@ TEST(RpcClient, SpeaksAndReadsTheWire) {
   RpcPeer peer = broker.Accept();
   RpcFrame got;
   const auto played = [&](const std::function<std::shared_ptr<MSError>()>& call,
-                          const std::function<std::string(const RpcFrame&)>& answer) {
+                          const std::function<std::string()>& answer) {
     auto result = std::async(std::launch::async, call);
-    EXPECT_TRUE(peer.Read(&got) && peer.Send(answer(got)));
+    EXPECT_TRUE(peer.Read(&got) && peer.Send(answer()));
     return CodeOf(result.get());
   };
-  const auto reply = [](int code, const std::string& payload) {
-    return [=](const RpcFrame& request) { return RpcReply(request, code, payload); };
+  const auto reply = [&](int code, const std::string& payload) {
+    return [&got, code, payload] { return RpcReply(got, code, payload); };
   };
-  const auto listen = [&] { return client->Listen(std::string(63, 'n'), RPC_TYPE_REQUEST, 5); };
-  EXPECT_EQ(CodeOf(client->Listen(std::string(64, 'n'), RPC_TYPE_REQUEST, 5)), -1);
-  EXPECT_EQ(played(listen, reply(0, "")), 0);
+  EXPECT_EQ(played([&] { return client->Listen("l", RPC_TYPE_REQUEST, 5); }, reply(0, "")), 0);
   EXPECT_EQ(got.head.type, RPC_TYPE_LISTEN);
   EXPECT_EQ(got.head.seq, 1u);
   EXPECT_EQ(got.head.pid, getpid());
-  EXPECT_EQ(got.payload, RpcRecord(std::string(62, 'n'), RPC_TYPE_REQUEST, 5));
-  EXPECT_EQ(bsp::RpcCmdText(got.head.cmd), std::string(62, 'n'));
-  EXPECT_EQ(client->SendMessage("m", ""), nullptr);
-  ASSERT_TRUE(peer.Read(&got));
-  EXPECT_EQ(got.head.seq, 2u);
-  EXPECT_EQ(got.head.size, 104);
+  EXPECT_EQ(got.payload, RpcRecord("l", RPC_TYPE_REQUEST, 5));
 
   std::string answer;
   const auto call = [&] { return client->SendRequest("c", "q", answer, kPatienceMs); };
   EXPECT_EQ(played(call, reply(0, "12345")), 0);
-  EXPECT_EQ(got.head.seq, 3u);
-  EXPECT_EQ(answer, std::string("12345\0", 6));
-  EXPECT_EQ(played(call, reply(-2, "67890")), -2);
+  EXPECT_EQ(got.head.seq, 2u);
   EXPECT_EQ(played(call, reply(-2, std::string(40000, 'F'))), -2);
   EXPECT_EQ(played(call, reply(0, "")), 0);
   EXPECT_EQ(answer, std::string("12345\0", 6));  // kept by failures and by an empty answer
   // Other types and answers for nobody are passed over; of two answers the first counts.
-  const auto several = [](const RpcFrame& request) {
-    RpcFrame other = request;
+  const auto several = [&] {
+    RpcFrame other = got;
     other.head.seq += 1000;
-    return RpcBytes(77, request.head.seq, "", "x") + RpcReply(other, 0, "stray") +
-           RpcReply(request, 0, "first") + RpcReply(request, -9, "second");
+    return RpcBytes(77, got.head.seq, "", "x") + RpcReply(other, 0, "stray") +
+           RpcReply(got, 0, "first") + RpcReply(got, -9, "second");
   };
   EXPECT_EQ(played(call, several), 0);
   EXPECT_EQ(answer, std::string("first\0", 6));
 
   int type = 5;
   int power = 6;
-  const auto check = [&] { return client->CheckCmdPower("c", type, power); };
   const std::string record = RpcRecord("c", RPC_TYPE_REQUEST, 44);
+  const auto check = [&] { return client->CheckCmdPower("c", type, power); };
   EXPECT_EQ(played(check, reply(0, record.substr(0, 71))), -1);  // and a zero: no record
-  EXPECT_EQ(played(check, reply(-2, "")), -2);
   EXPECT_EQ(type * 10 + power, 56);
-  EXPECT_EQ(played(check, reply(0, record)), 0);
-  EXPECT_EQ(type, RPC_TYPE_REQUEST);
-  EXPECT_EQ(power, 44);
-  EXPECT_EQ(played([&] { return client->Flush(kPatienceMs); }, reply(-2, "")), 0);
 
   // A sequence number that comes round belongs to the call that still waits under it.
   RpcHeader heads[2] = {got.head, got.head};
@@ -230,12 +207,11 @@ TEST(RpcClient, LateRepliesNeverCount) {
   PlayedBroker broker;
   const auto client = OpenClient(broker.port);
   RpcPeer peer = broker.Accept();
-  std::thread answering([&] {
+  const auto answering = std::async(std::launch::async, [&] {
     RpcFrame got;
     for (unsigned turn = 0; peer.Read(&got); ++turn) {
       std::this_thread::sleep_for(std::chrono::microseconds(900 + turn % 5 * 60));
-      if (got.payload == "unanswered") continue;
-      if (!peer.Send(RpcReply(got, 0, got.payload))) return;
+      if (got.payload != "unanswered") peer.Send(RpcReply(got, 0, got.payload));
     }
   });
   int in_time = 0;
@@ -261,19 +237,17 @@ TEST(RpcClient, LateRepliesNeverCount) {
     ASSERT_EQ(CodeOf(client->SendRequest("c", "unanswered", answer, 2)), -3);
   }
   client->Close();
-  answering.join();
 }
 
-// What goes wrong on the wire is told: a stream that cannot be read, at each delivery and with the
-// connection left alone; a lost connection, with the option, at once and once.
+// An unreadable stream that is not told at each delivery, or ends the connection; a lost connection
+// that is told without the option, or with it late or twice.
 TEST(RpcClient, TellsWhatIsWrong) {
   NEED_PRIVATE_WORLD();
   PlayedBroker broker;
   for (const uint32_t magic : {RPC_MAGIC, 1u}) {
     Slots slots;
-    const auto client = OpenClient(broker.port);
+    const auto client = OpenClient(broker.port, {}, &slots);
     RpcPeer peer = broker.Accept();
-    client->SignalError.connect(&slots, &Slots::OnError);
     std::string bytes(104, '\0');  // a frame of size 0
     memcpy(&bytes[0], &magic, sizeof magic);
     EXPECT_TRUE(peer.Send(bytes) && Await([&] { return slots.errors == 1; }));
@@ -285,10 +259,7 @@ TEST(RpcClient, TellsWhatIsWrong) {
     RpcClient::Options options;
     options.fail_calls_on_disconnect = is_asked;
     Slots slots;
-    const auto client = std::make_shared<RpcClient>();
-    client->SetOptions(options);
-    client->SignalError.connect(&slots, &Slots::OnError);
-    ASSERT_EQ(client->Open("127.0.0.1", static_cast<uint16_t>(broker.port)), nullptr);
+    const auto client = OpenClient(broker.port, options, &slots);
     RpcPeer peer = broker.Accept();
     auto call = CallUnanswered(client, &peer, is_asked ? 100 * kPatienceMs : 200);
     peer.Close();
@@ -305,33 +276,36 @@ TEST(RpcClient, OpensAndCloses) {
   NEED_PRIVATE_WORLD();
   PlayedBroker broker;
   const auto client = std::make_shared<RpcClient>();
-  client->Close();
+  const auto open = [&](int port) {
+    return client->Open("127.0.0.1", static_cast<uint16_t>(port));
+  };
   std::string answer;
+  client->Close();
   EXPECT_EQ(CodeOf(client->SendRequest("c", "", answer, 1)), -1);
-  const auto port = static_cast<uint16_t>(NextPort());
-  const auto refused = client->Open("127.0.0.1", port);
+  const int port = NextPort();
+  const auto refused = open(port);
   ASSERT_EQ(CodeOf(refused), -4);
   EXPECT_NE(refused->Message().find("127.0.0.1, port: " + std::to_string(port)), std::string::npos);
-  EXPECT_EQ(client->Open("127.0.0.1", port), nullptr);  // "already running"
+  EXPECT_EQ(open(port), nullptr);  // "already running"
   EXPECT_FALSE(client->IsConnected());
   EXPECT_EQ(CodeOf(client->SendMessage("c", "")), -1);
   client->Close();
   const auto begin = steady_clock::now();
-  for (int round = 0; round < 50; ++round) {
-    ASSERT_EQ(client->Open("127.0.0.1", static_cast<uint16_t>(broker.port)), nullptr);
+  for (int round = 0; round < 90; ++round) {
+    ASSERT_EQ(open(broker.port), nullptr);
     RpcPeer peer = broker.Accept();
     client->Close();
     client->Close();
     EXPECT_FALSE(client->IsConnected());
   }
-  EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(25));  // unwoken: 50
+  EXPECT_LT(steady_clock::now() - begin, kUnwoken);
 
   // Closed, and opened again, under a waiting caller, who ends at its time-out.
-  ASSERT_EQ(client->Open("127.0.0.1", static_cast<uint16_t>(broker.port)), nullptr);
+  ASSERT_EQ(open(broker.port), nullptr);
   RpcPeer peer = broker.Accept();
   auto call = CallUnanswered(client, &peer, 300);
   client->Close();
-  ASSERT_EQ(client->Open("127.0.0.1", static_cast<uint16_t>(broker.port)), nullptr);
+  ASSERT_EQ(open(broker.port), nullptr);
   EXPECT_EQ(call.get(), -3);
 }
 
@@ -400,7 +374,6 @@ int Other(const char*, const char*, int, char*, int) { return -1; }
 // What a handler's result becomes at the caller, down to the bytes of a small buffer.
 TEST(RpcClientC, HandlerResultsReachTheCaller) {
   NEED_PRIVATE_WORLD();
-  g_log_level = BSP_LEVEL_DEBUG;  // while no thread logs
   Broker broker;
   void* const listener = g_listener = rpc_client_c_open("127.0.0.1", broker.port);
   void* const caller = rpc_client_c_open("localhost", broker.port);
@@ -425,29 +398,19 @@ TEST(RpcClientC, HandlerResultsReachTheCaller) {
                {"echo", "fail", 64, -1, untouched},
                {"echo", "lie", 64, -1, untouched},
                {"echo", "full", 64, 0xa0001, untouched},
-               {"none", "", 64, -1, untouched},
                {long_name + "n", "action", 64, 63, long_name}};
   for (const auto& call : calls) {
     std::string resp = untouched;
-    EXPECT_EQ(rpc_client_c_send_request(caller, call.cmd.c_str(), call.req,
-                                        static_cast<int>(strlen(call.req)), &resp[0],
+    const auto length = static_cast<int>(strlen(call.req));
+    EXPECT_EQ(rpc_client_c_send_request(caller, call.cmd.c_str(), call.req, length, &resp[0],
                                         call.resp_size, kPatienceMs),
               call.result);
     EXPECT_EQ(resp.substr(0, call.resp.size()), call.resp);
   }
   EXPECT_EQ(rpc_client_c_check_cmd_power(caller, "echo"), 6);
-  EXPECT_EQ(rpc_client_c_send_message(caller, "echo", nullptr, 5), 0);
-  EXPECT_EQ(rpc_client_c_flush(caller, kPatienceMs), 0);
-  EXPECT_EQ(rpc_client_c_is_connected(caller), 1);
-  rpc_client_c_close(caller);
-  testing::internal::CaptureStdout();
   rpc_client_c_dump(listener);
-  const std::string log = testing::internal::GetCapturedStdout();
-  EXPECT_NE(log.find("rpc client listen 2 cmds"), std::string::npos) << log;
-  EXPECT_NE(log.find("register action: echo, func: "), std::string::npos) << log;
+  rpc_client_c_close(caller);
   rpc_client_c_close(listener);
-  broker.server.Stop();
-  g_log_level = BSP_LEVEL_INFO;
 }
 
 // Nothing that a C caller can hand in crashes or is sent.
@@ -465,14 +428,14 @@ TEST(RpcClientC, RefusesBadArguments) {
     char resp[8];
     return rpc_client_c_send_request(handle, cmd, req, length, resp, room, kPatienceMs);
   };
+  const auto listen = [](void* handle, const char* cmd, RpcClientHandler handler) {
+    return rpc_client_c_listen_v1(handle, cmd, RPC_TYPE_REQUEST, 0, handler, nullptr);
+  };
   for (const int result :
-       {rpc_client_c_listen_v1(nullptr, "c", 11, 0, Echo, nullptr),
-        rpc_client_c_listen_v1(open, nullptr, 11, 0, Echo, nullptr),
-        rpc_client_c_listen_v1(open, "c", 11, 0, nullptr, nullptr),
+       {listen(nullptr, "c", Echo), listen(open, nullptr, Echo), listen(open, "c", nullptr),
         rpc_client_c_check_cmd_power(nullptr, "c"), rpc_client_c_check_cmd_power(open, nullptr),
-        rpc_client_c_check_cmd_power(open, "none"), ask(nullptr, "c", "", 0, 8),
-        ask(open, nullptr, "", 0, 8), ask(open, "c", "x", -1, 8), ask(open, "c", nullptr, 1, 8),
-        ask(open, "c", "x", 1, -8), ask(open, "none", nullptr, 0, 0),
+        ask(nullptr, "c", "", 0, 8), ask(open, nullptr, "", 0, 8), ask(open, "c", "x", -1, 8),
+        ask(open, "c", nullptr, 1, 8), ask(open, "c", "x", 1, -8), ask(open, "none", nullptr, 0, 0),
         rpc_client_c_send_message(nullptr, "c", "", 0),
         rpc_client_c_send_message(open, nullptr, "", 0),
         rpc_client_c_send_reply(nullptr, &head, "", 0),
@@ -480,10 +443,11 @@ TEST(RpcClientC, RefusesBadArguments) {
         rpc_client_c_flush(nullptr, 10)}) {
     EXPECT_EQ(result, -1);
   }
-  EXPECT_EQ(rpc_client_c_is_connected(nullptr), 0);
   rpc_client_c_dump(nullptr);
   rpc_client_c_close(nullptr);
+  EXPECT_EQ(rpc_client_c_is_connected(nullptr), 0);
   EXPECT_EQ(rpc_client_c_send_message(open, "c", "x", -1), 0);  // an empty one
+  EXPECT_EQ(rpc_client_c_flush(open, kPatienceMs), 0);
   EXPECT_EQ(rpc_client_c_is_connected(open), 1);
   rpc_client_c_close(open);
 }

@@ -7,12 +7,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <future>
 #include <thread>
 #include <utility>
 
@@ -26,32 +26,24 @@ int LeftMs(Clock::time_point end) {
   return left.count() > 0 ? static_cast<int>(left.count()) : 0;
 }
 
-void MakePipe(int ends[2]) {
-  if (pipe2(ends, O_CLOEXEC) != 0) {
-    perror("pipe2");
-    abort();
-  }
-}
-
-// In the child, behind fork: output into the pipe, and death with the parent.
-void BecomeChild(int out, pid_t parent) {
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (getppid() != parent) _exit(127);
-  dup2(out, STDOUT_FILENO);
-  dup2(out, STDERR_FILENO);
-}
-
 }  // namespace
 
 Child Child::Fork(const std::function<int()>& body) {
   int ends[2];
-  MakePipe(ends);
+  if (pipe2(ends, O_CLOEXEC) != 0) {
+    perror("pipe2");
+    abort();
+  }
   fflush(nullptr);
   const pid_t parent = getpid();
   const pid_t pid = fork();
   if (pid == 0) {
-    BecomeChild(ends[1], parent);
-    setvbuf(stdout, nullptr, _IOLBF, 0);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) _exit(127);
+    dup2(ends[1], STDOUT_FILENO);
+    dup2(ends[1], STDERR_FILENO);
+    static char lines[BUFSIZ];  // without a buffer of its own a used stream stays as it was
+    setvbuf(stdout, lines, _IOLBF, sizeof lines);
     const int code = body();
     fflush(nullptr);
     _exit(code);
@@ -60,25 +52,16 @@ Child Child::Fork(const std::function<int()>& body) {
   return Child(pid, ends[0]);
 }
 
-Child Child::Run(const std::vector<std::string>& argv, const std::string& dir) {
-  int ends[2];
-  MakePipe(ends);
+Child Child::Run(const std::vector<std::string>& argv) {
   std::vector<char*> words;
   for (const std::string& word : argv) words.push_back(const_cast<char*>(word.c_str()));
   words.push_back(nullptr);
-  fflush(nullptr);
-  const pid_t parent = getpid();
-  const pid_t pid = fork();
-  if (pid == 0) {
-    BecomeChild(ends[1], parent);
+  return Fork([&] {
     signal(SIGPIPE, SIG_DFL);  // as a shell starts programs; ours has it ignored
-    if (!dir.empty() && chdir(dir.c_str()) != 0) _exit(127);
     execvp(words[0], words.data());
     perror(words[0]);
-    _exit(127);
-  }
-  close(ends[1]);
-  return Child(pid, ends[0]);
+    return 127;
+  });
 }
 
 Child::Child(Child&& other) noexcept { *this = std::move(other); }
@@ -89,7 +72,7 @@ Child& Child::operator=(Child&& other) noexcept {
   pid_ = std::exchange(other.pid_, -1);
   out_ = std::exchange(other.out_, -1);
   output_ = std::move(other.output_);
-  line_begin_ = std::exchange(other.line_begin_, 0);
+  lines_begin_ = std::exchange(other.lines_begin_, 0);
   return *this;
 }
 
@@ -99,12 +82,9 @@ void Child::Release() {
   if (pid_ > 0) {
     kill(pid_, SIGKILL);
     waitpid(pid_, nullptr, 0);
-    pid_ = -1;
   }
-  if (out_ != -1) {
-    close(out_);
-    out_ = -1;
-  }
+  if (out_ != -1) close(out_);
+  pid_ = out_ = -1;
 }
 
 void Child::Signal(int number) const {
@@ -121,34 +101,22 @@ bool Child::FillOutput(int timeout_ms) {
   char bytes[4096];
   const ssize_t count = read(out_, bytes, sizeof bytes);
   if (count == -1 && errno == EINTR) return true;
-  if (count <= 0) {
-    close(out_);
-    out_ = -1;
-    return false;
-  }
+  if (count <= 0) return false;
   output_.append(bytes, static_cast<size_t>(count));
-  return true;
-}
-
-bool Child::ReadLine(std::string* line, int timeout_ms) {
-  const auto end = Clock::now() + std::chrono::milliseconds(timeout_ms);
-  size_t line_end = output_.find('\n', line_begin_);
-  while (line_end == std::string::npos) {
-    if (!FillOutput(LeftMs(end))) return false;
-    line_end = output_.find('\n', line_begin_);
-  }
-  *line = output_.substr(line_begin_, line_end - line_begin_);
-  line_begin_ = line_end + 1;
   return true;
 }
 
 bool Child::WaitForLine(const std::string& text, int timeout_ms) {
   const auto end = Clock::now() + std::chrono::milliseconds(timeout_ms);
-  std::string line;
-  while (ReadLine(&line, LeftMs(end))) {
-    if (line.find(text) != std::string::npos) return true;
+  while (true) {
+    const size_t found = output_.find(text, lines_begin_);
+    const size_t line_end = output_.find('\n', found);
+    if (line_end != std::string::npos) {
+      lines_begin_ = line_end + 1;
+      return true;
+    }
+    if (!FillOutput(LeftMs(end))) return false;
   }
-  return false;
 }
 
 int Child::Wait(int timeout_ms) {
@@ -159,14 +127,12 @@ int Child::Wait(int timeout_ms) {
   // A child may close its output before it ends; its end comes as no descriptor event here, so it
   // is asked for in small steps.
   int status = 0;
-  pid_t reaped = waitpid(pid_, &status, WNOHANG);
-  while (reaped == 0 && LeftMs(end) > 0) {
+  while (waitpid(pid_, &status, WNOHANG) == 0) {
+    if (LeftMs(end) == 0) {
+      Release();
+      return -1;
+    }
     poll(nullptr, 0, 1);
-    reaped = waitpid(pid_, &status, WNOHANG);
-  }
-  if (reaped != pid_) {
-    Release();
-    return -1;
   }
   pid_ = -1;
   return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
@@ -176,18 +142,15 @@ bool RaceOnFirstUse(const std::function<const void*()>& instance) {
   bool is_one = true;
   for (int round = 0; round < 20; ++round) {
     Child child = Child::Fork([&] {
-      std::atomic<int> waiting{4};
-      const void* seen[4] = {};
-      std::vector<std::thread> threads;
-      for (const void*& mine : seen) {
-        threads.emplace_back([&] {
-          --waiting;
-          while (waiting > 0) std::this_thread::yield();
-          mine = instance();
-        });
-      }
-      for (std::thread& thread : threads) thread.join();
-      return seen[0] != nullptr && std::count(seen, seen + 4, seen[0]) == 4 ? 0 : 1;
+      std::atomic<int> waiting{2};
+      const auto race = [&] {
+        --waiting;
+        while (waiting > 0) std::this_thread::yield();
+        return instance();
+      };
+      auto other = std::async(std::launch::async, race);
+      const void* const mine = race();
+      return mine != nullptr && mine == other.get() ? 0 : 1;
     });
     is_one = child.Wait() == 0 && is_one;
   }

@@ -20,9 +20,8 @@ class Child {
   // exit handler of the parent runs twice.
   static Child Fork(const std::function<int()>& body);
 
-  // Runs a program; argv[0] is its path, or a name looked up in PATH. `dir`: its working directory,
-  // empty for ours.
-  static Child Run(const std::vector<std::string>& argv, const std::string& dir = std::string());
+  // Runs a program; argv[0] is its path, or a name looked up in PATH.
+  static Child Run(const std::vector<std::string>& argv);
 
   Child(Child&& other) noexcept;
   Child& operator=(Child&& other) noexcept;
@@ -34,12 +33,9 @@ class Child {
 
   void Signal(int number) const;
 
-  // Next line of standard output and error (both in one pipe), without its line end, into *line.
-  // False when the child's output ended or the time ran out.
-  bool ReadLine(std::string* line, int timeout_ms = 30000);
-
-  // Reads lines until one holds `text`. False as above.
-  bool WaitForLine(const std::string& text, int timeout_ms = 30000);
+  // Reads standard output and error (both in one pipe) until a line holds `text`, behind the line
+  // found last. False when the output ended or the time ran out.
+  bool WaitForLine(const std::string& text, int timeout_ms = 60000);
 
   // Reads the rest of the output and waits for the end. The exit code, 128 + n when signal n ended
   // the child, or -1 when the time ran out (the child is then killed).
@@ -57,10 +53,10 @@ class Child {
   pid_t pid_ = -1;
   int out_ = -1;
   std::string output_;
-  size_t line_begin_ = 0;  // first byte of output_ that ReadLine has not given yet
+  size_t lines_begin_ = 0;  // of output_, behind the line that WaitForLine has found last
 };
 
-// Lets four threads meet on the first use of a singleton, in fresh processes: true when they always
+// Lets two threads meet on the first use of a singleton, in fresh processes: true when they always
 // got the same object. To be called before this process itself has used it.
 bool RaceOnFirstUse(const std::function<const void*()>& instance);
 

@@ -23,6 +23,14 @@ std::string RpcBytes(int type, uint32_t seq, const std::string& cmd, const std::
   return RpcBytes(frame);
 }
 
+std::string RpcRecord(const std::string& cmd, int type, int power) {
+  RpcListenRecord record = {};
+  bsp::SetRpcCmd(record.cmd, cmd.c_str());
+  record.type = type;
+  record.power = power;
+  return std::string(reinterpret_cast<const char*>(&record), sizeof record);
+}
+
 std::string RpcListen(const std::string& cmd, int type, int power, int pid) {
   RpcFrame frame;
   frame.head.type = RPC_TYPE_LISTEN;
@@ -42,14 +50,6 @@ std::string RpcReply(RpcFrame request, int err_code, const std::string& payload)
   return RpcBytes(request);
 }
 
-std::string RpcRecord(const std::string& cmd, int type, int power) {
-  RpcListenRecord record = {};
-  bsp::SetRpcCmd(record.cmd, cmd.c_str());
-  record.type = type;
-  record.power = power;
-  return std::string(reinterpret_cast<const char*>(&record), sizeof record);
-}
-
 int CodeOf(const std::shared_ptr<MSError>& error) { return error ? error->ErrorCode() : 0; }
 
 RpcPeer::RpcPeer(int port) : RpcPeer(std::make_shared<bsp::Socket>()) {
@@ -62,35 +62,27 @@ RpcPeer::RpcPeer(int port) : RpcPeer(std::make_shared<bsp::Socket>()) {
 RpcPeer::RpcPeer(std::shared_ptr<bsp::Socket> accepted) : socket_(std::move(accepted)) {}
 
 bool RpcPeer::Send(const std::string& bytes) {
-  size_t sent = 0;
-  while (sent < bytes.size()) {
-    const int count = socket_->Send(&bytes[sent], static_cast<int>(bytes.size() - sent));
-    if (count <= 0) return false;
-    sent += static_cast<size_t>(count);
-  }
-  return true;
+  const int size = static_cast<int>(bytes.size());
+  return socket_->Send(bytes.data(), size) == size;
 }
 
-ssize_t RpcPeer::Fill(int timeout_ms) {
-  struct pollfd ready = {socket_->GetNativeSocket(), POLLIN, 0};
-  if (poll(&ready, 1, timeout_ms) <= 0) return -1;
+int RpcPeer::Fill(size_t size, int timeout_ms) {
   char bytes[65536];
-  const int count = socket_->Recv(bytes, sizeof bytes);
-  if (count <= 0) return 0;
-  input_.append(bytes, static_cast<size_t>(count));
-  return count;
+  while (input_.size() < size) {
+    struct pollfd ready = {socket_->GetNativeSocket(), POLLIN, 0};
+    if (poll(&ready, 1, timeout_ms) <= 0) return -1;
+    const int count = socket_->Recv(bytes, sizeof bytes);
+    if (count <= 0) return 0;
+    input_.append(bytes, static_cast<size_t>(count));
+  }
+  return 1;
 }
 
-bool RpcPeer::Read(RpcFrame* frame, int timeout_ms) {
-  size_t size = sizeof frame->head;
-  while (true) {
-    if (input_.size() >= sizeof frame->head) {
-      memcpy(&frame->head, input_.data(), sizeof frame->head);
-      size = static_cast<size_t>(frame->head.size);
-    }
-    if (input_.size() >= size) break;
-    if (Fill(timeout_ms) <= 0) return false;
-  }
+bool RpcPeer::Read(RpcFrame* frame) {
+  if (Fill(sizeof frame->head, kPatienceMs) != 1) return false;
+  memcpy(&frame->head, input_.data(), sizeof frame->head);
+  const auto size = static_cast<size_t>(frame->head.size);
+  if (Fill(size, kPatienceMs) != 1) return false;
   frame->payload = input_.substr(sizeof frame->head, size - sizeof frame->head);
   input_.erase(0, size);
   return true;
@@ -101,14 +93,6 @@ int RpcPeer::Ask(const std::string& bytes, RpcFrame* answer) {
   if (!Send(bytes) || !Read(&frame)) return 9999;
   if (answer != nullptr) *answer = frame;
   return frame.head.err_code;
-}
-
-bool RpcPeer::IsClosedByPeer(int timeout_ms) {
-  ssize_t got = 0;
-  do {
-    got = Fill(timeout_ms);
-  } while (got > 0);
-  return got == 0;
 }
 
 }  // namespace test

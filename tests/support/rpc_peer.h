@@ -2,6 +2,7 @@
 #ifndef BSP_TESTS_SUPPORT_RPC_PEER_H_
 #define BSP_TESTS_SUPPORT_RPC_PEER_H_
 
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -29,15 +30,17 @@ std::string RpcRecord(const std::string& cmd, int type, int power);
 // 0 for null.
 int CodeOf(const std::shared_ptr<MSError>& error);
 
-// The sanitizer of undefined behaviour looks at objects through a pipe, and takes them for invalid
-// where it gets none.
+// The sanitizer looks at objects through a pipe, and takes them for invalid where it gets none.
 #ifdef __SANITIZE_ADDRESS__
 constexpr bool kSanitizerNeedsDescriptors = true;
 #else
 constexpr bool kSanitizerNeedsDescriptors = false;
 #endif
 
-// Threads: one at a time. Waits end after 20 s unless told otherwise.
+// How long the tests of the bus wait for what must come.
+constexpr int kPatienceMs = 60000;
+
+// Threads: one at a time.
 class RpcPeer {
  public:
   explicit RpcPeer(int port);  // connects to 127.0.0.1
@@ -48,8 +51,8 @@ class RpcPeer {
   // False when the other end has closed.
   bool Send(const std::string& bytes);
 
-  // The next frame; false when the other end closed or nothing came within the time.
-  bool Read(RpcFrame* frame, int timeout_ms = 20000);
+  // The next frame; false when the other end closed or nothing came.
+  bool Read(RpcFrame* frame);
 
   // Sends and reads one frame. err_code of the answer, or 9999 when none came.
   int Ask(const std::string& bytes, RpcFrame* answer = nullptr);
@@ -57,12 +60,12 @@ class RpcPeer {
   // A round trip that any broker serves: this connection is alive and caught up.
   bool IsServed() { return Ask(RpcCheck("no such command")) == -2; }
 
-  // True when the other end closes within the time; what it sends before is dropped.
-  bool IsClosedByPeer(int timeout_ms = 20000);
+  // True when the other end closes within the time, whatever it sends before.
+  bool IsClosedByPeer(int timeout_ms = kPatienceMs) { return Fill(SIZE_MAX, timeout_ms) == 0; }
 
  private:
-  // Bytes received; 0 when the other end closed, -1 when nothing came within the time.
-  ssize_t Fill(int timeout_ms);
+  // Receives until input_ holds `size` bytes. 1: it does; 0: the other end closed; -1: time-out.
+  int Fill(size_t size, int timeout_ms);
 
   std::shared_ptr<bsp::Socket> socket_;
   std::string input_;

@@ -7,13 +7,16 @@
 
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include "tests/support/child.h"
 
 namespace test {
 
-inline Child StartBroker() {
-  Child broker = Child::Run({BSP_TEST_BIN_DIR "/bsp-broker"});
+inline Child StartBroker(const std::vector<std::string>& options = {}) {
+  std::vector<std::string> argv = {BSP_TEST_BIN_DIR "/bsp-broker", "--log-level", "3"};
+  argv.insert(argv.end(), options.begin(), options.end());
+  Child broker = Child::Run(argv);
   EXPECT_TRUE(broker.WaitForLine("bsp-broker ready on 127.0.0.1:7800")) << broker.output();
   return broker;
 }

@@ -18,25 +18,9 @@ namespace test {
 namespace {
 
 std::string g_failure;
-
-// Removed by the process that made it, not by forked children.
-struct TempRoot {
-  std::string path;
-  pid_t owner = 0;
-  ~TempRoot() {
-    std::error_code ignored;  // best effort: nothing depends on it
-    if (owner == getpid()) std::filesystem::remove_all(path, ignored);
-  }
-};
+std::string g_temp_root;
 
 std::string Refused(const char* step) { return std::string(step) + ": " + strerror(errno); }
-
-bool WriteFile(const char* path, const std::string& text) {
-  std::ofstream file(path);
-  file << text;
-  file.close();
-  return !file.fail();
-}
 
 bool BringLoopbackUp() {
   const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -49,45 +33,39 @@ bool BringLoopbackUp() {
   return up;
 }
 
-}  // namespace
-
+// Empty on success, else the step that the kernel refused. Before any thread exists.
 std::string EnterPrivateWorld() {
   const uid_t uid = geteuid();
   const gid_t gid = getegid();
-  int spaces = CLONE_NEWIPC | CLONE_NEWNET | CLONE_NEWNS;
-  if (uid != 0) spaces |= CLONE_NEWUSER;
-  if (unshare(spaces) != 0) return g_failure = Refused("unshare");
+  const int spaces = CLONE_NEWIPC | CLONE_NEWNET | CLONE_NEWNS;
+  if (unshare(uid == 0 ? spaces : spaces | CLONE_NEWUSER) != 0) return Refused("unshare");
   if (uid != 0) {
     // Root inside, ourselves outside. Groups must be given up before the group map is written.
-    if (!WriteFile("/proc/self/setgroups", "deny") ||
-        !WriteFile("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1") ||
-        !WriteFile("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1")) {
-      return g_failure = Refused("user id map");
-    }
+    // Without it the mounts are refused.
+    std::ofstream("/proc/self/setgroups") << "deny";
+    std::ofstream("/proc/self/uid_map") << "0 " << uid << " 1";
+    std::ofstream("/proc/self/gid_map") << "0 " << gid << " 1";
   }
-  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-    return g_failure = Refused("private mounts");
-  }
-  if (mount("tmpfs", "/mnt", "tmpfs", 0, nullptr) != 0) return g_failure = Refused("tmpfs on /mnt");
-  if (!BringLoopbackUp()) return g_failure = Refused("loopback");
-  return std::string();
+  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return Refused("mounts");
+  if (mount("tmpfs", "/mnt", "tmpfs", 0, nullptr) != 0) return Refused("tmpfs on /mnt");
+  return BringLoopbackUp() ? std::string() : Refused("loopback");
 }
+
+}  // namespace
 
 const std::string& IsolationFailure() { return g_failure; }
 
 std::string MakeTempDir() {
-  static TempRoot root;
   static int count = 0;
-  if (root.path.empty()) {
+  if (g_temp_root.empty()) {
     char path[] = "/tmp/bsp-test-XXXXXX";
     if (mkdtemp(path) == nullptr) {
       perror("mkdtemp");
       abort();
     }
-    root.path = path;
-    root.owner = getpid();
+    g_temp_root = path;
   }
-  const std::string path = root.path + "/" + std::to_string(++count);
+  const std::string path = g_temp_root + "/" + std::to_string(++count);
   std::filesystem::create_directory(path);
   return path;
 }
@@ -96,8 +74,9 @@ std::string MakeTempDir() {
 
 int main(int argc, char** argv) {
   signal(SIGPIPE, SIG_IGN);  // a dead peer is an error code, as in every program of ours
-  const std::string failure = test::EnterPrivateWorld();
-  if (!failure.empty()) fprintf(stderr, "not isolated (%s)\n", failure.c_str());
+  test::g_failure = test::EnterPrivateWorld();
   testing::InitGoogleTest(&argc, argv);
-  return RUN_ALL_TESTS();
+  const int result = RUN_ALL_TESTS();
+  std::filesystem::remove_all(test::g_temp_root);
+  return result;
 }

@@ -9,10 +9,6 @@
 
 namespace test {
 
-// Enters the namespaces; called by main before any thread exists. Empty on success, else the step
-// that the kernel refused.
-std::string EnterPrivateWorld();
-
 // Why the program is not isolated; empty when it is.
 const std::string& IsolationFailure();
 
