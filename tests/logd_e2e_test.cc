@@ -236,10 +236,12 @@ int AwaitRows(Child* logd) {
   const int64_t end_ms = bsp::TimeUtil::ClockMillis() + 60000;
   int count = 0;
   while (count <= 100 && bsp::TimeUtil::ClockMillis() < end_ms) {
-    std::string line;
-    if (!logd->ReadLine(&line, 2)) log_send_msg(&ask);
-    if (line.find("resp size") == std::string::npos) continue;
-    count = std::stoi(line.substr(line.find("total count ") + 12));
+    if (!logd->WaitForLine("resp size", 2)) {
+      log_send_msg(&ask);
+      continue;
+    }
+    const std::string& log = logd->output();
+    count = atoi(&log[log.rfind("total count ", log.rfind("resp size")) + 12]);
   }
   return count > 100 ? count : 0;
 }
