@@ -433,10 +433,8 @@ TEST(LogServer, Datagrams) {
     bsp::LogSrvOptions options = all ? AllOptions() : bsp::LogSrvOptions();
     options.flush_at_stop = true;
     const std::string name(30, 'm');
-    Server server(options,
-                  "[log_size]\nlog_bus_size=0\nlog_ctrl_size=-5\nlog_sys_size=7\n"
-                  "[watchdog]\nmodule_31=" +
-                      name + "\n");
+    Server server(options, "[log_size]\nlog_bus_size=0\nlog_ctrl_size=-5\nlog_sys_size=7\n" +
+                               ("[watchdog]\nmodule_31=" + name + "\n"));
     const bsp::LogSrvCfg& cfg = server->cfg();  // what is senseless has its default
     EXPECT_EQ(cfg.log_bus_size + cfg.log_ctrl_size + cfg.log_sys_size, 20000 + 10000 + 7);
     for (const int fd : fill) close(fd);
