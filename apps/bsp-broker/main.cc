@@ -5,7 +5,6 @@
 #include <CLI/CLI.hpp>
 #include <cstdint>
 #include <cstdio>
-#include <exception>
 #include <string>
 #include <vector>
 
@@ -17,9 +16,8 @@
 
 namespace {
 
-constexpr int kDone = 0;
-constexpr int kFailed = 1;
-constexpr int kUsage = 2;
+using app::kDone;
+using app::kFailed;
 
 struct Settings {
   std::string host = "127.0.0.1";
@@ -144,27 +142,14 @@ int Serve(const Settings& settings, FILE* out) {
   return kDone;
 }
 
-int Run(int argc, char** argv) {
-  Settings settings;
-  CLI::App app("The broker of the bsp RPC bus.", "bsp-broker");
-  AddOptions(&app, &settings);
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? kDone : kUsage;
-  }
-  g_log_level = settings.log_level;
-  return Serve(settings, app::SplitOutput());
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
-  signal(SIGPIPE, SIG_IGN);
-  try {
-    return Run(argc, argv);
-  } catch (const std::exception& fault) {
-    fprintf(stderr, "bsp-broker: %s\n", fault.what());
-    return kFailed;
-  }
+  Settings settings;
+  CLI::App command("The broker of the bsp RPC bus.", "bsp-broker");
+  AddOptions(&command, &settings);
+  return app::RunProgram(&command, argc, argv, [&] {
+    g_log_level = settings.log_level;
+    return Serve(settings, app::SplitOutput());
+  });
 }

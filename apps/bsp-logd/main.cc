@@ -18,9 +18,8 @@
 
 namespace {
 
-constexpr int kDone = 0;
-constexpr int kFailed = 1;
-constexpr int kUsage = 2;
+using app::kDone;
+using app::kFailed;
 
 // 4 MB hold a burst of some 3600 datagrams, while a commit waits for the disk.
 constexpr int kReceiveBufferBytes = 4 << 20;
@@ -148,27 +147,14 @@ int Serve(const Settings& settings, FILE* out) {
   return why.empty() ? kDone : Fail(why);
 }
 
-int Run(int argc, char** argv) {
-  Settings settings;
-  CLI::App command("The log server of bsp: stores log records, watches the modules.", "bsp-logd");
-  AddOptions(&command, &settings);
-  try {
-    command.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {
-    return command.exit(error) == 0 ? kDone : kUsage;
-  }
-  g_log_level = settings.log_level;
-  return Serve(settings, app::SplitOutput());
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
-  signal(SIGPIPE, SIG_IGN);
-  try {
-    return Run(argc, argv);
-  } catch (const std::exception& fault) {
-    fprintf(stderr, "bsp-logd: %s\n", fault.what());
-    return kFailed;
-  }
+  Settings settings;
+  CLI::App command("The log server of bsp: stores log records, watches the modules.", "bsp-logd");
+  AddOptions(&command, &settings);
+  return app::RunProgram(&command, argc, argv, [&] {
+    g_log_level = settings.log_level;
+    return Serve(settings, app::SplitOutput());
+  });
 }

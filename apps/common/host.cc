@@ -2,9 +2,24 @@
 
 #include <unistd.h>
 
+#include <exception>
+
 #include "bsp/base/socket.h"
 
 namespace app {
+
+int RunProgram(CLI::App* command, int argc, char** argv, const std::function<int()>& run) {
+  signal(SIGPIPE, SIG_IGN);
+  try {
+    command->parse(argc, argv);
+    return run();
+  } catch (const CLI::ParseError& error) {
+    return command->exit(error) == 0 ? kDone : kUsage;  // help and version come as errors of code 0
+  } catch (const std::exception& fault) {
+    fprintf(stderr, "%s: %s\n", command->get_name().c_str(), fault.what());
+    return kFailed;
+  }
+}
 
 FILE* SplitOutput() {
   const int out = dup(STDOUT_FILENO);

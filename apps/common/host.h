@@ -1,14 +1,25 @@
-// What the host programs share: their output and their signals.
+// What the programs share: their frame, their output and their signals.
 #ifndef BSP_APPS_COMMON_HOST_H_
 #define BSP_APPS_COMMON_HOST_H_
 
 #include <signal.h>
 
+#include <CLI/CLI.hpp>
 #include <cstdio>
+#include <functional>
 #include <initializer_list>
 #include <string>
 
 namespace app {
+
+// Exit codes of every program.
+constexpr int kDone = 0;
+constexpr int kFailed = 1;
+constexpr int kUsage = 2;
+
+// Parses the command line, runs the program and gives its exit code. Wrong usage gives kUsage, an
+// exception kFailed with one line. A dead output pipe is an error of the write and no signal.
+int RunProgram(CLI::App* command, int argc, char** argv, const std::function<int()>& run);
 
 // The library logs on standard output, which is for the ready line alone in a host program. Sends
 // all that is printed from now on to standard error, and returns the real standard output.
