@@ -189,13 +189,7 @@ bool TcpClient::SetOption(int level, int name, const void* value, unsigned int l
 
 void TcpClient::OnRead() {
   const std::shared_ptr<TcpClient> self = shared_from_this();
-  std::shared_ptr<Socket> socket;
-  std::shared_ptr<MemoryBuffer> buffer;
-  {
-    const std::lock_guard<std::mutex> lock(read_mutex_);
-    socket = socket_;
-    buffer = recv_data_;
-  }
+  const auto [socket, buffer] = ReadSide();
   if (buffer == nullptr) {
     loop_->RemoveEvent(socket);
     SignalError(self, BSP_NEW_ERROR(-1, "recv_data_ is null."));
@@ -229,13 +223,7 @@ void TcpClient::OnWrite() {
 
 void TcpClient::OnError() {
   const std::shared_ptr<TcpClient> self = shared_from_this();
-  std::shared_ptr<Socket> socket;
-  std::shared_ptr<MemoryBuffer> buffer;
-  {
-    const std::lock_guard<std::mutex> lock(read_mutex_);
-    socket = socket_;
-    buffer = recv_data_;
-  }
+  const auto [socket, buffer] = ReadSide();
   Got got = deliver_last_bytes_ ? Got::kMore : Got::kGone;
   for (int turn = 0; turn < kLastTurns && got == Got::kMore; ++turn) {
     bool any = false;
@@ -244,6 +232,11 @@ void TcpClient::OnError() {
   }
   SignalError(self, BSP_NEW_ERROR(-1, "socket error."));
   if (!HasOtherSocket(socket)) Disconnect();  // else a slot has connected anew
+}
+
+std::pair<std::shared_ptr<Socket>, std::shared_ptr<MemoryBuffer>> TcpClient::ReadSide() {
+  const std::lock_guard<std::mutex> lock(read_mutex_);
+  return {socket_, recv_data_};
 }
 
 bool TcpClient::CanSend(const char* data, size_t length) const {

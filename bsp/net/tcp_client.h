@@ -146,6 +146,9 @@ class BSP_EXPORT TcpClient : public EventHandler, public std::enable_shared_from
   // Asks the loop for an OnWrite; false off its thread.
   bool NoteFlush();
 
+  // What a turn of reading begins with.
+  std::pair<std::shared_ptr<Socket>, std::shared_ptr<MemoryBuffer>> ReadSide();
+
   // Without; on the loop's thread. They do nothing once `socket` is not ours any more.
   // *any: the slot has something to look at.
   Got Read(const std::shared_ptr<Socket>& socket, const std::shared_ptr<MemoryBuffer>& buffer,
