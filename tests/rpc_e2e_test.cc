@@ -429,7 +429,7 @@ TEST(BusOfProcesses, KilledBrokerIsReportedAndReplaced) {
   }
   const auto await_load = [&] {
     const int goal = served + 2000;
-    const auto last = steady_clock::now() + milliseconds(60000);
+    const auto last = steady_clock::now() + milliseconds(kPatienceMs);
     while (served < goal && steady_clock::now() < last) {
       std::this_thread::sleep_for(milliseconds(1));
     }

@@ -96,7 +96,10 @@ bool Await(const std::function<bool()>& condition) {
 // A delimiter that reads a byte too many, or takes any: each side of each limit.
 TEST(RpcFrame, DelimiterKeepsItsLimits) {
   const std::string frame = RpcBytes(RPC_TYPE_MESSAGE, 1, "a", std::string(396, 'p'));
+  std::string negative = frame;
+  memset(&negative[4], 0xff, 4);  // its size
   const std::pair<std::string, int> cases[] = {{frame.substr(0, 103), 0},
+                                               {negative, 0},
                                                {std::string(104, 'x'), -1},
                                                {frame.substr(0, 499), 0},
                                                {frame + "more", 500}};
