@@ -196,11 +196,10 @@ int LateWakeUps(bool is_crowd) {
 // signal, or posted while the service sorts a crowd in, between its look and its sleep.
 TEST(EventService, WakeUpsAreNeverLost) {
   constexpr int kFew = kRounds / 30;  // one in fifteen to two are late, were they lost
-  const int64_t end = TimeUtil::ClockMillis() + kPatienceMs;
   for (const bool is_crowd : {false, true}) {
     int late = LateWakeUps(is_crowd);
-    // So are some on a busy machine, but not always as many.
-    while (late >= kFew && TimeUtil::ClockMillis() < end) late = LateWakeUps(is_crowd);
+    // So are some on a busy machine, but not in four passes out of four.
+    for (int pass = 1; pass < 4 && late >= kFew; ++pass) late = LateWakeUps(is_crowd);
     EXPECT_LT(late, kFew);
   }
 }
