@@ -5,6 +5,8 @@
 #include <CLI/CLI.hpp>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -142,14 +144,17 @@ int Serve(const Settings& settings, FILE* out) {
   return kDone;
 }
 
+std::function<int()> Prepare(CLI::App* command) {
+  const auto settings = std::make_shared<Settings>();
+  AddOptions(command, settings.get());
+  return [settings] {
+    g_log_level = settings->log_level;
+    return Serve(*settings, app::SplitOutput());
+  };
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  Settings settings;
-  CLI::App command("The broker of the bsp RPC bus.", "bsp-broker");
-  AddOptions(&command, &settings);
-  return app::RunProgram(&command, argc, argv, [&] {
-    g_log_level = settings.log_level;
-    return Serve(settings, app::SplitOutput());
-  });
+  return app::RunProgram("bsp-broker", "The broker of the bsp RPC bus.", argc, argv, Prepare);
 }

@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -147,14 +149,19 @@ int Serve(const Settings& settings, FILE* out) {
   return why.empty() ? kDone : Fail(why);
 }
 
+std::function<int()> Prepare(CLI::App* command) {
+  const auto settings = std::make_shared<Settings>();
+  AddOptions(command, settings.get());
+  return [settings] {
+    g_log_level = settings->log_level;
+    return Serve(*settings, app::SplitOutput());
+  };
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  Settings settings;
-  CLI::App command("The log server of bsp: stores log records, watches the modules.", "bsp-logd");
-  AddOptions(&command, &settings);
-  return app::RunProgram(&command, argc, argv, [&] {
-    g_log_level = settings.log_level;
-    return Serve(settings, app::SplitOutput());
-  });
+  return app::RunProgram("bsp-logd",
+                         "The log server of bsp: stores log records, watches the modules.", argc,
+                         argv, Prepare);
 }

@@ -1,5 +1,7 @@
 // bspctl: the operator's tool for a device that runs bsp. Data goes to standard output and nothing
 // else does; what went wrong is told on standard error and by the exit code.
+#include <functional>
+#include <memory>
 #include <string>
 
 #include "apps/bspctl/ctl.h"
@@ -21,24 +23,28 @@ std::string Explain(const CLI::App* app, const CLI::Error& error) {
   return text + "\nbspctl --help lists what there is; every noun and verb has its own --help.\n";
 }
 
+std::function<int()> Prepare(CLI::App* command) {
+  command->set_version_flag("--version", "bspctl " BSP_VERSION);
+  command->footer(kExitCodes);
+  command->require_subcommand(1);
+  command->failure_message(Explain);
+
+  const auto context = std::make_shared<ctl::Context>();
+  command->add_flag("--json", context->json, "print JSON, one object a line for streams");
+  command->add_option("--bus", context->bus, "address of the broker")->capture_default_str();
+  ctl::AddStatus(command, context.get());
+  ctl::AddLevel(command, context.get());
+  ctl::AddProp(command, context.get());
+  ctl::AddEvent(command, context.get());
+  ctl::AddRpc(command, context.get());
+  ctl::AddShm(command, context.get());
+  return [context] { return context->run(); };
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   g_log_level = -1;  // the library's log lines would mix with the data on standard output
-  CLI::App command("Looks into and steers the modules of a device.", "bspctl");
-  command.set_version_flag("--version", "bspctl " BSP_VERSION);
-  command.footer(kExitCodes);
-  command.require_subcommand(1);
-  command.failure_message(Explain);
-
-  ctl::Context context;
-  command.add_flag("--json", context.json, "print JSON, one object a line for streams");
-  command.add_option("--bus", context.bus, "address of the broker")->capture_default_str();
-  ctl::AddStatus(&command, &context);
-  ctl::AddLevel(&command, &context);
-  ctl::AddProp(&command, &context);
-  ctl::AddEvent(&command, &context);
-  ctl::AddRpc(&command, &context);
-  ctl::AddShm(&command, &context);
-  return app::RunProgram(&command, argc, argv, [&] { return context.run(); });
+  return app::RunProgram("bspctl", "Looks into and steers the modules of a device.", argc, argv,
+                         Prepare);
 }

@@ -8,15 +8,20 @@
 
 namespace app {
 
-int RunProgram(CLI::App* command, int argc, char** argv, const std::function<int()>& run) {
+int RunProgram(const char* name, const char* text, int argc, char** argv,
+               std::function<int()> (*prepare)(CLI::App* command)) {
   signal(SIGPIPE, SIG_IGN);
   try {
-    command->parse(argc, argv);
+    CLI::App command(text, name);
+    const std::function<int()> run = prepare(&command);
+    try {
+      command.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+      return command.exit(error) == 0 ? kDone : kUsage;  // help and version have code 0
+    }
     return run();
-  } catch (const CLI::ParseError& error) {
-    return command->exit(error) == 0 ? kDone : kUsage;  // help and version come as errors of code 0
   } catch (const std::exception& fault) {
-    fprintf(stderr, "%s: %s\n", command->get_name().c_str(), fault.what());
+    fprintf(stderr, "%s: %s\n", name, fault.what());
     return kFailed;
   }
 }

@@ -17,9 +17,11 @@ constexpr int kDone = 0;
 constexpr int kFailed = 1;
 constexpr int kUsage = 2;
 
-// Parses the command line, runs the program and gives its exit code. Wrong usage gives kUsage, an
-// exception kFailed with one line. A dead output pipe is an error of the write and no signal.
-int RunProgram(CLI::App* command, int argc, char** argv, const std::function<int()>& run);
+// Prepares the command line, parses it, runs what `prepare` gave and returns its exit code. Wrong
+// usage gives kUsage, an exception kFailed with one line. A dead output pipe is an error of the
+// write and no signal.
+int RunProgram(const char* name, const char* text, int argc, char** argv,
+               std::function<int()> (*prepare)(CLI::App* command));
 
 // The library logs on standard output, which is for the ready line alone in a host program. Sends
 // all that is printed from now on to standard error, and returns the real standard output.
