@@ -181,6 +181,24 @@ enum {
   RPC_TYPE_CHECK_POWER = 103
 };
 
+// What a call can end with beside 0. The numbers of the class RpcClient (MSError::ErrorCode); the
+// functions below return -1 for each of them. Below
+// 0 and not in this list: what the listener answered.
+enum {
+  RPC_ERR_FAILED = -1,     // not connected, or not sent: open anew. Or a bad argument
+  RPC_ERR_NOT_FOUND = -2,  // nobody listens to the command: try again when its module is up
+  RPC_ERR_TIMEOUT = -3,    // no answer in time; the listener may still run
+  RPC_ERR_CONNECT = -4,    // nobody accepts at that address: is a broker running there?
+  RPC_ERR_NO_WAIT = -5,    // nothing to wait on, for want of memory
+  RPC_ERR_TAKEN = -6,      // a REQUEST command has its listener already
+
+  // From a bsp-broker with its additions, and from clients with options.
+  RPC_ERR_BUSY = -1001,           // refused by a limit, before the listener saw it: try again later
+  RPC_ERR_LISTENER_GONE = -1002,  // the listener went with the call: it may have run, or in part
+  RPC_ERR_DENIED = -1003,         // the broker's rights forbid it: trying again is in vain
+  RPC_ERR_DOWN = -1004            // no connection now: a session makes a new one by itself
+};
+
 // Flags of rpc_client_c_open_v2.
 enum {
   // A lost connection ends waiting calls at once with -1, and rpc_client_c_is_connected tells it.
