@@ -120,7 +120,7 @@ class MessageSink : public bsp::ByteSink {
 // Ours: EventLoop and TcpClient.
 class Ours : public Service, public sigslot::has_slots<> {
  public:
-  enum class Way { kSend, kSendDeferred, kBuffer, kSink };
+  enum class Way { kSend, kGather, kBuffer, kSink };
 
   Ours(const std::vector<SocketPtr>& sockets, const SocketPtr& to, Way way, bool whole)
       : loop_(std::make_shared<EventLoop>()), way_(way), area_(kChunk * 16) {
@@ -138,6 +138,7 @@ class Ours : public Service, public sigslot::has_slots<> {
   std::shared_ptr<TcpClient> Add(const SocketPtr& socket, bool whole) {
     auto client = std::make_shared<TcpClient>(loop_);
     client->SetSendWhole(whole);
+    client->SetGatherSends(way_ == Way::kGather);
     if (way_ == Way::kSink) client->SetSink(std::make_shared<MessageSink>());
     client->SignalRead.connect(this, &Ours::HandleRead);
     client->UpdateSocket(socket);
@@ -154,11 +155,7 @@ class Ours : public Service, public sigslot::has_slots<> {
     TcpClient* const to = to_ != nullptr ? to_.get() : client.get();
     while (buffer->size() > 0) {
       const size_t got = buffer->ReadBytes(area_.data(), area_.size());
-      if (way_ == Way::kSend) {
-        to->Send(area_.data(), got);
-      } else {
-        to->SendDeferred(area_.data(), got);
-      }
+      to->Send(area_.data(), got);
     }
   }
 
@@ -332,7 +329,7 @@ bench::Function Gather(bool ours) {
     const Connection sink;
     std::vector<SocketPtr> sockets;
     for (const Connection& source : sources) sockets.push_back(source.near);
-    const auto service = MakeService(ours, sockets, sink.near, Ours::Way::kSendDeferred);
+    const auto service = MakeService(ours, sockets, sink.near, Ours::Way::kGather);
     std::vector<char> frame(kFrame, 'g');
     std::vector<char> area(kFrame * kSources);
     for (auto _ : state) {

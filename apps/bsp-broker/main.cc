@@ -1,8 +1,11 @@
 // bsp-broker: the broker of the RPC bus as a program.
 #include <signal.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <functional>
@@ -26,14 +29,26 @@ struct Settings {
   int port = 7800;
   bool is_stock = false;
   int log_level = BSP_LEVEL_INFO;
-  // Fit for a device with 64 MB: the worst single peer costs a frame and a backlog. 0: none.
+  // Fit for a device with 64 MB. 0: none.
   int listen_backlog = 128;
+  int stall_timeout_s = 30;
   size_t max_frame_bytes = size_t{4} << 20;
   size_t max_backlog_bytes = size_t{8} << 20;
+  size_t max_memory_bytes = size_t{48} << 20;
   size_t max_unread_bytes = size_t{64} << 10;
   size_t max_clients = 1024;
   size_t max_commands = 4096;
+  size_t max_calls = 4096;
 };
+
+// What the program takes by itself, of --max-memory: code, stacks, and what the allocator holds.
+constexpr size_t kOwnBytes = size_t{8} << 20;
+
+// Beyond it a sender's own call is likely to have timed out.
+constexpr int kPatienceMs = 2000;
+
+// Of --max-clients; below some dozens places all are alike.
+constexpr size_t kKeptPlaces = 8;
 
 // A limit in decimal digits: 0 for none, else `least` or more. The parser itself would take "-1"
 // for the largest number there is.
@@ -77,22 +92,60 @@ void AddOptions(CLI::App* app, Settings* settings) {
   add_limit("--max-frame", settings->max_frame_bytes, sizeof(RpcHeader) + sizeof(RpcListenRecord),
             "bytes of the largest accepted frame; a larger one costs its sender the connection");
   add_limit("--max-backlog", settings->max_backlog_bytes, 1,
-            "bytes that may wait for one client that does not read; beyond it the client is "
-            "dropped");
+            "bytes that may wait for one client whose socket is full; senders wait for one that "
+            "reads, else a request is answered with -1001 and a message is dropped");
+  add_limit("--max-memory", settings->max_memory_bytes, kOwnBytes,
+            "bytes of memory in all, 8 MiB of them the program's own");
+  app->add_option("--stall-timeout", settings->stall_timeout_s,
+                  "seconds after which a client is dropped whose socket takes no byte of those "
+                  "that wait for it; 0 for never")
+      ->capture_default_str()
+      ->check(CLI::Range(0, 86400))
+      ->excludes(stock);
+  add_limit("--max-calls", settings->max_calls, 1,
+            "calls in flight of one client; one more is answered with -1001");
   add_limit("--max-unread", settings->max_unread_bytes, 1,
             "bytes of garbage held of one client; beyond it the client is dropped");
   add_limit("--max-clients", settings->max_clients, 1,
             "connections at a time; one more is closed at once");
   add_limit("--max-commands", settings->max_commands, 1,
-            "commands that one client may listen to; one more is answered with -1");
+            "commands that one client may listen to; one more is answered with -1001");
   app->footer(
       "A limit of 0 means none. Whoever can connect may listen and send: keep to a loopback "
       "address.");
 }
 
+// Limits that cannot work together, with the remedy; empty when they can.
+std::string Contradiction(const Settings& settings) {
+  const size_t frame = settings.max_frame_bytes;
+  const size_t backlog = settings.max_backlog_bytes;
+  const size_t memory = settings.max_memory_bytes;
+  if (backlog != 0 && backlog < frame) {
+    return "--max-backlog " + std::to_string(backlog) + " is below --max-frame " +
+           std::to_string(frame) +
+           ", so that a frame could pass to nobody: raise the one or lower the other";
+  }
+  const size_t least = kOwnBytes + 2 * frame;
+  if (memory != 0 && memory < least) {
+    return "--max-memory " + std::to_string(memory) + " is too little for --max-frame " +
+           std::to_string(frame) + ": give at least " + std::to_string(least) +
+           ", or lower --max-frame";
+  }
+  return std::string();
+}
+
 bsp::RpcServer::Options ServerOptions(const Settings& settings) {
   bsp::RpcServer::Options options;
   if (settings.is_stock) return options;
+  options.contain_failures = true;
+  options.track_calls = true;
+  options.patience_ms = kPatienceMs;
+  options.stall_timeout_s = settings.stall_timeout_s;
+  options.max_calls = settings.max_calls;
+  if (settings.max_memory_bytes != 0) {
+    options.max_memory_bytes = settings.max_memory_bytes - kOwnBytes;
+  }
+  options.kept_places = std::min(kKeptPlaces, settings.max_clients / 8);
   options.reuse_address = true;
   options.handle_last_frames = true;
   options.release_memory = true;
@@ -125,13 +178,22 @@ int Serve(const Settings& settings, FILE* out) {
   if (!settings.is_stock) RaiseDescriptorLimit();
   app::ServiceManager manager;
   bsp::RpcServer::Options options = ServerOptions(settings);
-  options.on_tick = [&manager] { manager.Alive(); };  // also with --stock: the manager asks for it
+  if (manager.IsWatching()) {  // also with --stock: the manager asks for it
+    options.on_tick = [&manager] { manager.Alive(); };
+  }
+  std::atomic<bool> has_given_up{false};
+  options.on_give_up = [&](const std::string& why) {
+    fprintf(stderr, "bsp-broker: cannot go on: %s, for 5 s or more\n", why.c_str());
+    has_given_up = true;
+    kill(getpid(), SIGTERM);
+  };
   bsp::RpcServer server(options);
-  if (server.Start(settings.host, settings.port) != nullptr) {
+  const auto error = server.Start(settings.host, settings.port);
+  if (error != nullptr) {
     fprintf(stderr,
             "bsp-broker: cannot listen on %s:%d: another broker may be running there, or the "
-            "address is not this machine's\n",
-            host, settings.port);
+            "address is not this machine's: %s\n",
+            host, settings.port, error->Message().substr(0, error->Message().find('\n')).c_str());
     return kFailed;
   }
   fprintf(out, "bsp-broker ready on %s:%d\n", host, settings.port);
@@ -141,13 +203,18 @@ int Serve(const Settings& settings, FILE* out) {
   sigwait(&ends, &signal);
   manager.Stopping();
   server.Stop();
-  return kDone;
+  return has_given_up ? kFailed : kDone;
 }
 
 std::function<int()> Prepare(CLI::App* command) {
   const auto settings = std::make_shared<Settings>();
   AddOptions(command, settings.get());
   return [settings] {
+    const std::string contradiction = Contradiction(*settings);
+    if (!contradiction.empty()) {
+      fprintf(stderr, "bsp-broker: %s\n", contradiction.c_str());
+      return app::kUsage;
+    }
     g_log_level = settings->log_level;
     return Serve(*settings, app::SplitOutput());
   };

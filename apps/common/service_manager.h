@@ -24,6 +24,9 @@ class ServiceManager {
   void Ready();     // the service is up
   void Stopping();  // its end has begun
 
+  // The manager wants to hear Alive.
+  bool IsWatching() const { return fd_ != -1 && period_ms_ > 0; }
+
   // Called from the loop whose life is to be proven, as often as it likes: at most one datagram
   // goes out per third of the watchdog's period, none without a watchdog.
   void Alive();

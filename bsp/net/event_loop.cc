@@ -19,12 +19,28 @@
 //
 // The wake-up is an eventfd in the same set. As it is edge-triggered too, each write is an event
 // and nobody ever has to read it; its counter would overflow after 2^64 - 2 wake-ups.
+//
+// A handler that stops before its socket would block (its turn is over, it waits for somebody, the
+// system is short of memory) is not told again by an edge. It asks for its next call itself:
+// CallAgain for the end of the batch, CallAt for a time. Arming the socket anew would do as well,
+// and would cost two system calls and report what nobody asked for.
+//
+// After a fork the epoll set is shared with the child, and a change by one is felt by the other: a
+// child that closes what it inherited would make its parent deaf. The lock may be held by a thread
+// that the child does not have. So the mark of the process is looked at first.
 #include "bsp/net/event_loop.h"
 
+#include <cxxabi.h>
 #include <sys/eventfd.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
+#include <exception>
+#include <iterator>
+#include <limits>
 
 #include "bsp/log/log.h"
 
@@ -36,6 +52,12 @@ constexpr int kMaxEvents = 1024;               // fetched by one wait
 constexpr int kWaitMs = 1000;                  // bounds the time to Stop without Wakeup
 constexpr int kEventsPerFlush = 64;            // so that no queued frame waits for a batch of 1024
 constexpr uint64_t kWakeupTag = ~uint64_t{0};  // no descriptor is 0xffffffff
+constexpr int64_t kNever = std::numeric_limits<int64_t>::max();
+
+// Failures with less than the one between them are one trouble; a trouble of the other length is
+// not going to pass.
+constexpr int64_t kCalmMs = 1000;
+constexpr int64_t kTroubleMs = 5000;
 
 // Behind the bytes that wait stands more: a close, or urgent data, which cuts a read short.
 constexpr uint32_t kKeepReading = EPOLLRDHUP | EPOLLPRI;
@@ -43,7 +65,7 @@ constexpr uint32_t kKeepReading = EPOLLRDHUP | EPOLLPRI;
 uint32_t EpollFlags(unsigned int mask) {
   uint32_t flags = EPOLLET;
   // The last two bring no event of their own, as a close and urgent data are readable anyway; they
-  // tell ShortReadEmpties.
+  // tell OnReadToEnd.
   if ((mask & EVENT_READ) != 0) flags |= EPOLLIN | kKeepReading;
   if ((mask & EVENT_WRITE) != 0) flags |= EPOLLOUT;
   if ((mask & EVENT_ERROR) != 0) flags |= EPOLLERR | EPOLLHUP;
@@ -65,7 +87,9 @@ uint32_t TagGeneration(uint64_t tag) { return static_cast<uint32_t>(tag >> 32); 
 
 EventHandler::~EventHandler() = default;
 
-EventLoop::EventLoop() : events_(new epoll_event[kMaxEvents]) {
+void EventHandler::OnReadToEnd() {}
+
+EventLoop::EventLoop() : events_(new epoll_event[kMaxEvents]), next_call_ms_(kNever) {
   epoll_fd_ = epoll_create1(EPOLL_CLOEXEC);
   if (epoll_fd_ == -1) {
     BSP_LOG_ERROR(MOD_BSP, "epoll_create1 failed %d, errno %d", epoll_fd_, errno);
@@ -100,7 +124,12 @@ bool EventLoop::AddEvent(const std::shared_ptr<Socket>& socket, unsigned int mas
 bool EventLoop::Register(const std::shared_ptr<Socket>& socket, unsigned int mask,
                          EventHandler* handler, bool has_owner, const std::weak_ptr<void>& owner) {
   if (socket == nullptr || handler == nullptr) return false;
-  const std::lock_guard<std::recursive_mutex> lock(mutex_);
+  if (process_.IsForeign()) {
+    BSP_LOG_ERROR(MOD_BSP, "event loop of process %d used in its child %d: make one of its own",
+                  process_.owner(), ProcessId());
+    return false;
+  }
+  const std::lock_guard<PiRecursiveMutex> lock(mutex_);
   const int fd = socket->GetNativeSocket();
   if (fd == -1) {
     BSP_LOG_ERROR(MOD_BSP, "socket %d is invalid.", fd);
@@ -121,7 +150,8 @@ bool EventLoop::UpdateEvent(const std::shared_ptr<Socket>& socket, unsigned int 
     BSP_LOG_ERROR(MOD_BSP, "socket is null.");
     return false;
   }
-  const std::lock_guard<std::recursive_mutex> lock(mutex_);
+  if (process_.IsForeign()) return false;
+  const std::lock_guard<PiRecursiveMutex> lock(mutex_);
   const int fd = socket->GetNativeSocket();
   const auto found = handlers_.find(fd);
   if (found == handlers_.end()) {
@@ -142,7 +172,8 @@ bool EventLoop::RemoveEvent(const std::shared_ptr<Socket>& socket) {
     BSP_LOG_ERROR(MOD_BSP, "socket is null.");
     return false;
   }
-  const std::lock_guard<std::recursive_mutex> lock(mutex_);
+  if (process_.IsForeign()) return false;
+  const std::lock_guard<PiRecursiveMutex> lock(mutex_);
   const int fd = socket->GetNativeSocket();
   if (fd == -1) {
     BSP_LOG_ERROR(MOD_BSP, "socket %d is invalid.", fd);
@@ -154,28 +185,38 @@ bool EventLoop::RemoveEvent(const std::shared_ptr<Socket>& socket) {
 }
 
 void EventLoop::Loop() {
+  if (process_.IsForeign()) return;
   loop_thread_ = std::this_thread::get_id();
   while (!stop_) {
-    const int count =
-        epoll_wait(epoll_fd_, events_.get(), kMaxEvents, deferred_.empty() ? kWaitMs : 0);
+    const int count = epoll_wait(epoll_fd_, events_.get(), kMaxEvents, WaitMs());
     if (count == -1 && errno != EINTR) {
       BSP_LOG_ERROR(MOD_BSP, "epoll wait failed %d, errno %d", count, errno);
     }
     for (int i = 0; i < count; ++i) {
       Dispatch(events_[static_cast<size_t>(i)]);
-      if ((i + 1) % kEventsPerFlush == 0) RunDeferred();
+      if ((i + 1) % kEventsPerFlush == 0) RunAgain();
     }
-    RunDeferred();
+    RunAgain();
+    if (next_call_ms_ != kNever) RunTimedCalls();
   }
   loop_thread_ = std::thread::id();
-  RunDeferred();  // what is still noted writes once more, and from here on Defer refuses
+  RunAgain();  // what was queued for sending goes out; nobody stays noted behind the end
+  again_.clear();
   stop_ = false;  // this Stop is served; the next Loop runs
   BSP_LOG_ERROR(MOD_BSP, "Loop exit.");
+}
+
+int EventLoop::WaitMs() const {
+  if (!again_.empty() || has_incoming_) return 0;
+  const int64_t next_ms = next_call_ms_;
+  if (next_ms == kNever) return kWaitMs;
+  return static_cast<int>(std::clamp(next_ms - NowMs(), int64_t{0}, int64_t{kWaitMs}));
 }
 
 void EventLoop::Stop() { stop_ = true; }
 
 void EventLoop::Wakeup() {
+  if (process_.IsForeign()) return;
   const int saved = errno;
   const uint64_t one = 1;
   // Fails only when the counter is full, and then the event is there already.
@@ -184,20 +225,60 @@ void EventLoop::Wakeup() {
   errno = saved;
 }
 
-bool EventLoop::Defer(std::shared_ptr<EventHandler> handler) {
-  if (handler == nullptr || !IsLoopThread()) return false;
-  deferred_.push_back(std::move(handler));
+bool EventLoop::CallAgain(std::weak_ptr<EventHandler> handler, EventMask what) {
+  if (handler.expired() || process_.IsForeign()) return false;
+  if (IsLoopThread()) {
+    again_.push_back({std::move(handler), what});
+    return true;
+  }
+  {
+    const std::lock_guard<PiRecursiveMutex> lock(mutex_);
+    incoming_.push_back({std::move(handler), what});
+    has_incoming_ = true;
+  }
+  Wakeup();
   return true;
 }
 
-bool EventLoop::ShortReadEmpties() const {
-  return IsLoopThread() && (current_flags_ & kKeepReading) == 0;
+uint64_t EventLoop::CallAt(int64_t at_ms, std::function<void()> call) {
+  if (process_.IsForeign()) return 0;
+  uint64_t id = 0;
+  {
+    const std::lock_guard<PiRecursiveMutex> lock(mutex_);
+    id = ++last_call_id_;
+    timed_calls_.emplace(std::make_pair(at_ms, id), std::move(call));
+    FindNextCall();
+  }
+  if (!IsLoopThread()) Wakeup();
+  return id;
+}
+
+bool EventLoop::CancelCall(uint64_t id) {
+  if (process_.IsForeign()) return false;
+  const std::lock_guard<PiRecursiveMutex> lock(mutex_);
+  const auto found = std::find_if(timed_calls_.begin(), timed_calls_.end(),
+                                  [id](const auto& call) { return call.first.second == id; });
+  if (found == timed_calls_.end()) return false;
+  timed_calls_.erase(found);
+  FindNextCall();
+  return true;
+}
+
+// With mutex_ held.
+void EventLoop::FindNextCall() {
+  next_call_ms_ = timed_calls_.empty() ? kNever : timed_calls_.begin()->first.first;
+}
+
+int64_t EventLoop::NowMs() {
+  struct timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
 
 bool EventLoop::IsLoopThread() const { return loop_thread_ == std::this_thread::get_id(); }
 
 EventHandler* EventLoop::Find(uint64_t tag, std::shared_ptr<void>* pin) {
-  const std::lock_guard<std::recursive_mutex> lock(mutex_);
+  const std::lock_guard<PiRecursiveMutex> lock(mutex_);
   const auto found = handlers_.find(TagFd(tag));
   if (found == handlers_.end() || found->second.generation != TagGeneration(tag)) return nullptr;
   if (found->second.has_owner) {
@@ -212,24 +293,93 @@ void EventLoop::Dispatch(const epoll_event& event) {
   std::shared_ptr<void> pin;  // released without the mutex: it may run the handler's destructor
   EventHandler* handler = Find(event.data.u64, &pin);
   if (handler == nullptr) return;
-  if ((event.events & (EPOLLERR | EPOLLHUP)) != 0) {
-    handler->OnError();
-    return;
-  }
-  if ((event.events & EPOLLIN) != 0) {
-    current_flags_ = event.events;
-    handler->OnRead();
-    current_flags_ = kNoEvent;
-  }
-  if ((event.events & EPOLLOUT) == 0) return;
+  Contained(handler, [&] {
+    if ((event.events & (EPOLLERR | EPOLLHUP)) != 0) {
+      handler->OnError();
+      return;
+    }
+    if ((event.events & kKeepReading) != 0) handler->OnReadToEnd();
+    if ((event.events & EPOLLIN) != 0) handler->OnRead();
+  });
+  if ((event.events & (EPOLLERR | EPOLLHUP)) != 0 || (event.events & EPOLLOUT) == 0) return;
   handler = Find(event.data.u64, &pin);  // OnRead may have removed it
-  if (handler != nullptr) handler->OnWrite();
+  if (handler != nullptr) Contained(handler, [=] { handler->OnWrite(); });
 }
 
-void EventLoop::RunDeferred() {
-  running_deferred_.swap(deferred_);  // who is called may ask for the next turn
-  for (const std::shared_ptr<EventHandler>& handler : running_deferred_) handler->OnWrite();
-  running_deferred_.clear();
+void EventLoop::RunAgain() {
+  if (has_incoming_) {
+    const std::lock_guard<PiRecursiveMutex> lock(mutex_);
+    std::move(incoming_.begin(), incoming_.end(), std::back_inserter(again_));
+    incoming_.clear();
+    has_incoming_ = false;
+  }
+  running_again_.swap(again_);  // who is called may ask for the next turn
+  for (const Again& again : running_again_) {
+    const std::shared_ptr<EventHandler> handler = again.handler.lock();
+    if (handler == nullptr) continue;
+    Contained(handler.get(), [&] {
+      if (again.what == EVENT_READ) handler->OnRead();
+      if (again.what == EVENT_WRITE) handler->OnWrite();
+      if (again.what == EVENT_ERROR) handler->OnError();
+    });
+  }
+  running_again_.clear();
+}
+
+// A call that notes itself again for now has its turn after the next wait.
+void EventLoop::RunTimedCalls() {
+  const int64_t now_ms = NowMs();
+  if (next_call_ms_ > now_ms) return;
+  TimedCalls due;
+  {
+    const std::lock_guard<PiRecursiveMutex> lock(mutex_);
+    while (!timed_calls_.empty() && timed_calls_.begin()->first.first <= now_ms) {
+      due.insert(timed_calls_.extract(timed_calls_.begin()));
+    }
+    FindNextCall();
+  }
+  for (const auto& entry : due) Contained(nullptr, [&] { entry.second(); });
+}
+
+template <typename Call>
+void EventLoop::Contained(EventHandler* handler, const Call& call) {
+  if (!contains_failures_) {
+    call();
+    return;
+  }
+  try {
+    call();
+  } catch (const abi::__forced_unwind&) {
+    throw;  // the end of a thread that was cancelled
+  } catch (const std::exception& failure) {
+    HandleFailure(handler, failure.what());
+  } catch (...) {
+    HandleFailure(handler, "an exception of unknown type");
+  }
+}
+
+void EventLoop::RunContained(const std::function<void()>& call) { Contained(nullptr, call); }
+
+void EventLoop::HandleFailure(EventHandler* handler, const char* what) {
+  BSP_LOG_ERROR(MOD_BSP, "handler failed: %s, what it served is closed", what);
+  const int64_t now_ms = NowMs();
+  if (now_ms - last_failure_ms_ > kCalmMs) failing_since_ms_ = now_ms;
+  last_failure_ms_ = now_ms;
+  if (now_ms - failing_since_ms_ >= kTroubleMs) GiveUp(what);
+  if (handler == nullptr) return;
+  try {
+    handler->OnError();
+  } catch (const abi::__forced_unwind&) {
+    throw;
+  } catch (...) {
+    GiveUp(what);
+  }
+}
+
+void EventLoop::GiveUp(const char* why) {
+  if (!failure_text_.empty()) return;
+  failure_text_.assign(why, std::min(strlen(why), size_t{15}));  // the text fits without memory
+  stop_ = true;
 }
 
 }  // namespace bsp

@@ -6,13 +6,19 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "bsp/base/macros.h"
+#include "bsp/base/pi_mutex.h"
+#include "bsp/base/process.h"
 #include "bsp/base/socket.h"
 
 namespace bsp {
@@ -25,21 +31,30 @@ enum EventMask : unsigned int {
 };
 
 // Called by the loop, on its thread. Registrations are edge-triggered: a handler goes on until its
-// socket would block, else it hears nothing more of what it left.
+// socket would block, or asks the loop to call it again, else it hears nothing more of what it
+// left.
 class BSP_EXPORT EventHandler {
  public:
   virtual ~EventHandler();
   virtual void OnRead() = 0;
   virtual void OnWrite() = 0;
   virtual void OnError() = 0;
+
+  // Called before OnRead when more than bytes waits: the peer's close, or urgent data, which cuts a
+  // read short. From then on only a read that would block shows that the socket is empty; until
+  // then a short one does, since what arrives behind it is an event of its own.
+  virtual void OnReadToEnd();
 };
 
-// One epoll set, a table from descriptor to handler, and the loop over both. It has no thread of
-// its own: whoever owns it calls Loop on one.
+// One epoll set, a table from descriptor to handler, a list of who wants to be called again, and
+// the loop over the three. It has no thread of its own: whoever owns it calls Loop on one.
 //
-// Threads: AddEvent, UpdateEvent, RemoveEvent, Stop and Wakeup from any thread and from handlers;
-// Loop on one thread at a time; Defer and ShortReadEmpties as told there. No lock is held while a
-// handler runs.
+// Threads: any, and from handlers; but Loop on one thread at a time, and SetContainFailures before
+// it. No lock is held while a handler or a timed call runs.
+//
+// Forks: in a child of the process that made it the loop is dead. AddEvent, UpdateEvent,
+// RemoveEvent, CallAgain, CallAt and Wakeup then touch nothing and answer false, Loop returns at
+// once: the epoll set is still the parent's, and so may be the lock.
 class BSP_EXPORT EventLoop {
  public:
   EventLoop();
@@ -82,16 +97,36 @@ class BSP_EXPORT EventLoop {
   // Ends the wait in hand, or the next one, at once. Safe in a signal handler.
   void Wakeup();
 
-  // From a handler, on the loop's thread: calls handler->OnWrite() once the events at hand are
-  // done (at the latest after 64 of them), and holds the handler until then. So that what many
-  // events have queued for one connection leaves in one system call. False, with nothing noted, for
-  // null, on any other thread and while no Loop runs.
-  bool Defer(std::shared_ptr<EventHandler> handler);
+  // Calls OnRead, OnWrite or OnError of the handler, as `what` (EVENT_*) says, once the events at
+  // hand are done (at the latest after 64 of them); nothing when it has died until then. How a
+  // handler goes on later with what it left, and how what many events have queued for one
+  // connection leaves in one system call. False for null and in a forked child.
+  bool CallAgain(std::weak_ptr<EventHandler> handler, EventMask what);
 
-  // From OnRead: true when a read that comes back short has emptied the socket for sure, so that
-  // nobody needs to read on until it would block. What arrives behind it, the close included, is an
-  // event of its own. False in any other place.
-  bool ShortReadEmpties() const;
+  // Runs `call` once NowMs() has reached at_ms, between events. The id is for CancelCall and never
+  // 0, which means that nothing was noted (a forked child).
+  uint64_t CallAt(int64_t at_ms, std::function<void()> call);
+
+  // False when there is no such call any more: it ran, or is about to on the loop's thread.
+  bool CancelCall(uint64_t id);
+
+  // Milliseconds of the monotonic clock, the time of CallAt.
+  static int64_t NowMs();
+
+  // True on the thread that runs Loop.
+  bool IsLoopThread() const;
+
+  // Off by default: an exception out of a handler ends the process, as any that nobody catches. On:
+  // it costs that handler's socket (OnError is called, so that a connection closes) and a log line.
+  // When failures go on for 5 seconds, or closing fails too, Loop ends with a line and
+  // FailureText() tells why.
+  void SetContainFailures(bool on) { contains_failures_ = on; }
+
+  // Runs `call` as a handler is run, when one handler does many things that may fail by themselves.
+  void RunContained(const std::function<void()>& call);
+
+  // Of the loop's owner, after Loop has returned: why it gave up; empty when it did not.
+  const std::string& FailureText() const { return failure_text_; }
 
  private:
   struct Entry {
@@ -101,33 +136,52 @@ class BSP_EXPORT EventLoop {
     bool has_owner;       // `owner` counts
     std::weak_ptr<void> owner;
   };
+  struct Again {
+    std::weak_ptr<EventHandler> handler;
+    EventMask what;
+  };
+  using TimedCalls = std::map<std::pair<int64_t, uint64_t>, std::function<void()>>;  // time, id
 
   bool Register(const std::shared_ptr<Socket>& socket, unsigned int mask, EventHandler* handler,
                 bool has_owner, const std::weak_ptr<void>& owner);
-  bool IsLoopThread() const;
   // The handler of a fetched event, with *pin holding its owner; null when the registration that
   // the event belongs to is gone.
   EventHandler* Find(uint64_t tag, std::shared_ptr<void>* pin);
+  int WaitMs() const;
   void Dispatch(const epoll_event& event);
-  void RunDeferred();
+  void RunAgain();
+  void RunTimedCalls();
+  void FindNextCall();
 
+  template <typename Call>
+  void Contained(EventHandler* handler, const Call& call);
+  void HandleFailure(EventHandler* handler, const char* what);
+  void GiveUp(const char* why);
+
+  const ProcessMark process_;
   int epoll_fd_ = -1;
   int wakeup_fd_ = -1;
   std::unique_ptr<epoll_event[]> events_;  // of the loop thread
+  bool contains_failures_ = false;
 
   std::atomic<bool> stop_{false};
   std::atomic<std::thread::id> loop_thread_{std::thread::id()};  // none while no Loop runs
+  std::atomic<bool> has_incoming_{false};
+  std::atomic<int64_t> next_call_ms_;  // of timed_calls_; far away without any
 
-  std::recursive_mutex mutex_;  // guards the fields below
+  PiRecursiveMutex mutex_;  // guards the fields below
   std::unordered_map<int, Entry> handlers_;
   uint32_t last_generation_ = 0;
+  std::vector<Again> incoming_;  // from other threads
+  TimedCalls timed_calls_;
+  uint64_t last_call_id_ = 0;
 
   // Of the loop thread.
-  std::vector<std::shared_ptr<EventHandler>> deferred_;
-  std::vector<std::shared_ptr<EventHandler>> running_deferred_;  // kept for its memory
-  uint32_t current_flags_ = kNoEvent;
-
-  static constexpr uint32_t kNoEvent = 0xffffffff;
+  std::vector<Again> again_;
+  std::vector<Again> running_again_;  // kept for its memory
+  int64_t failing_since_ms_ = 0;
+  int64_t last_failure_ms_ = 0;
+  std::string failure_text_;
 };
 
 }  // namespace bsp

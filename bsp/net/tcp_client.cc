@@ -15,10 +15,9 @@
 // Writing. An idle connection writes straight from Send, out of the caller's memory, and costs no
 // transit through the loop. What the socket does not take is queued; readiness to write is armed
 // while the queue holds something that the socket has refused, and only a change of the mask is a
-// system call. After a short count or EAGAIN the kernel reports by itself when there is room. After
-// a chunk that went out whole it does not, since the socket never was full; then the loop calls
-// again at the end of its batch (EventLoop::Defer), which also lets other connections have a turn.
-// The queue is handed to the kernel as it lies, block by block, without a copy.
+// system call. What the queue holds and what brings it on its way is SendQueue's matter; who does
+// not wait for the kernel is called again at the end of the loop's batch, which also lets other
+// connections have a turn, or a moment later.
 //
 // Reading goes through one area a thread, not one a connection: a thousand connections on one loop
 // share it. It begins on a page: an area 8 to 24 bytes behind one made the kernel's copy of a large
@@ -29,26 +28,27 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
-#include <cstdint>
 #include <new>
 
 #include "bsp/log/log.h"
+#include "bsp/net/send_queue.h"
 
 namespace bsp {
 
 namespace {
 
-constexpr size_t kChunk = 102400;  // most bytes of one recv, and of one send unless told otherwise
+constexpr size_t kChunk = 102400;  // most bytes of one recv
 // So that a fast sender cannot keep the thread for itself.
 constexpr int kReadsPerTurn = 16;
 constexpr size_t kBytesPerTurn = kReadsPerTurn * kChunk;
-constexpr int kLastTurns = 64;        // 100 MiB, above what any socket buffers
-constexpr size_t kDeferMost = 16384;  // above it the copy costs more than the system call
-constexpr size_t kMaxPieces = 256;    // 4 KiB of iovec on the stack, 1.1 MiB of blocks
 
+// Turns for what a connection has left when it fails. The kernel buffers some MiB; a turn is 1.6 MB
+// or one piece for the sink, 32 KiB at least.
+constexpr int kLastTurns = 1024;
+
+constexpr size_t kGatherMost = 16384;  // above it the copy costs more than the system call
+constexpr int64_t kLaterMs = 10;       // until a kernel without memory is asked again
 constexpr unsigned int kIdleMask = EVENT_READ | EVENT_ERROR;
-constexpr unsigned int kWritingMask = kIdleMask | EVENT_WRITE;
 
 struct FreeArea {
   void operator()(char* area) const { ::operator delete (area, std::align_val_t{4096}); }
@@ -63,11 +63,11 @@ char* ReceiveArea() {
   return area.get();  // NOLINT(clang-analyzer-cplusplus.NewDelete): it lives as long as the thread
 }
 
-// The kernel is short of memory: the same call may go through a moment later, and dropping the
-// bytes would tear a hole into the stream.
 bool IsShortOfMemory(int error) { return error == ENOBUFS || error == ENOMEM; }
 
 bool IsBlocked(int error) { return error == EAGAIN || error == EWOULDBLOCK; }
+
+iovec PieceOf(const char* data, size_t length) { return {const_cast<char*>(data), length}; }
 
 }  // namespace
 
@@ -98,23 +98,38 @@ bool TcpClient::UpdateSocket(const std::shared_ptr<Socket>& socket) {
     return false;
   }
   const std::scoped_lock lock(read_mutex_, mutex_);
+  recv_data_ = MemoryBuffer::Create();
+  send_data_ = std::make_unique<SendQueue>(send_whole_);
   socket_ = socket;
   socket_->SetBlocking(1);
-  recv_data_ = MemoryBuffer::Create();
-  send_data_ = MemoryBuffer::Create();
+  is_paused_ = false;
+  is_signal_due_ = false;
+  is_ending_ = false;
+  reads_to_end_ = false;
   flush_noted_ = false;
   BSP_LOG_DEBUG(MOD_BSP, "add event %s[%d].", address_.Host(), address_.Port());
   armed_ = loop_->AddEvent(socket_, kIdleMask, this, weak_from_this()) ? kIdleMask : 0;
   return true;
 }
 
+bool TcpClient::IsWatched() {
+  const std::lock_guard<PiMutex> lock(mutex_);
+  return armed_ != 0;
+}
+
 void TcpClient::Disconnect() {
+  if (process_.IsForeign()) {  // no lock: it may be held by a thread that this process has not got
+    if (socket_ != nullptr) socket_->Close();
+    socket_.reset();
+    return;
+  }
   const std::scoped_lock lock(read_mutex_, mutex_);
   if (flush_noted_ && HasSocket()) {
     size_t before = 0;
     do {
       before = send_data_->size();
-    } while (WriteQueue() == Written::kMore && send_data_->size() < before);
+    } while (send_data_->Write(socket_.get()) == SendQueue::Rest::kMore &&
+             send_data_->size() < before);
   }
   loop_->RemoveEvent(socket_);
   flush_noted_ = false;
@@ -124,70 +139,74 @@ void TcpClient::Disconnect() {
   socket_.reset();
 }
 
-bool TcpClient::Send(const char* data, size_t length) {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  if (!CanSend(data, length)) return false;
-  SendNow(data, length);
-  return true;
-}
+bool TcpClient::Send(const char* data, size_t length) { return Send(data, length, nullptr, 0); }
 
-bool TcpClient::SendPair(const char* head, size_t head_length, const char* body,
-                         size_t body_length) {
-  const std::lock_guard<std::mutex> lock(mutex_);
+bool TcpClient::Send(const char* head, size_t head_length, const char* body, size_t body_length) {
+  if (process_.IsForeign()) {
+    BSP_LOG_ERROR(MOD_BSP, "connection of process %d used in its child %d: make one of its own",
+                  process_.owner(), ProcessId());
+    return false;
+  }
+  const std::lock_guard<PiMutex> lock(mutex_);
   if (!CanSend(head, head_length) || !CanSend(body, body_length)) return false;
-  const size_t length = head_length + body_length;
-  if (!send_whole_ || length > INT_MAX || send_data_->size() > 0 || body_length == 0) {
-    SendNow(head, head_length);
-    SendNow(body, body_length);
+  const iovec first = PieceOf(head, head_length);
+  const iovec second = PieceOf(body, body_length);
+  const bool is_gathering = gathers_sends_ && send_data_->RefusedBytes() == 0;
+  if (send_data_->size() > 0 && !(is_gathering && flush_noted_)) {
+    send_data_->Append(first, second);  // the loop goes on with it
+    if (send_data_->is_torn()) GiveUpTorn();
     return true;
   }
-  const iovec pieces[] = {{const_cast<char*>(head), head_length},
-                          {const_cast<char*>(body), body_length}};
-  bool is_blocked = false;
-  const size_t taken = Transmit(pieces, 2, length, &is_blocked);
-  const size_t of_head = std::min(taken, head_length);
-  const size_t of_body = taken - of_head;
-  if (of_head < head_length) send_data_->WriteBytes(head + of_head, head_length - of_head);
-  if (of_body < body_length) send_data_->WriteBytes(body + of_body, body_length - of_body);
-  AwaitWritable(is_blocked ? Written::kBlocked : taken < length ? Written::kMore : Written::kAll);
-  return true;
-}
-
-bool TcpClient::SendDeferred(const char* data, size_t length) {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  if (!CanSend(data, length)) return false;
-  const bool is_blocked = send_data_->size() > 0 && !flush_noted_;
-  if (is_blocked || (length <= kDeferMost && NoteFlush())) {
-    send_data_->WriteBytes(data, length);
-    if (!is_blocked && send_data_->size() >= kChunk) AwaitWritable(WriteQueue());
-    return true;
+  if (is_gathering && head_length + body_length <= kGatherMost && NoteFlush()) {
+    send_data_->Append(first, second);
+    if (send_data_->size() < kChunk && !send_data_->is_torn()) return true;
+    send_data_->Write(socket_.get());
+  } else {
+    if (send_data_->size() > 0) send_data_->Write(socket_.get());  // small ones in front
+    send_data_->Send(socket_.get(), first, second);
   }
-  if (send_data_->size() > 0) AwaitWritable(WriteQueue());  // a large piece behind small ones
-  SendNow(data, length);
+  Settle();
   return true;
 }
 
 size_t TcpClient::SendBacklog() {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  return send_data_ != nullptr ? send_data_->size() : 0;
+  const std::lock_guard<PiMutex> lock(mutex_);
+  return send_data_ != nullptr ? send_data_->RefusedBytes() : 0;
+}
+
+uint64_t TcpClient::SentBytes() {
+  const std::lock_guard<PiMutex> lock(mutex_);
+  return send_data_ != nullptr ? send_data_->taken_bytes() : 0;
 }
 
 bool TcpClient::IsConnected() {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  if (process_.IsForeign()) return false;
+  const std::lock_guard<PiMutex> lock(mutex_);
   return HasSocket();
 }
 
 int TcpClient::GetNativeSocket() {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  if (process_.IsForeign()) return -1;
+  const std::lock_guard<PiMutex> lock(mutex_);
   return socket_ != nullptr ? socket_->GetNativeSocket() : -1;
 }
 
 bool TcpClient::SetOption(int level, int name, const void* value, unsigned int length) {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const std::lock_guard<PiMutex> lock(mutex_);
   return HasSocket() && socket_->SetOption(level, name, value, length);
 }
 
+void TcpClient::ResumeReading() {
+  if (!is_paused_) return;
+  is_paused_ = false;
+  is_signal_due_ = true;
+  loop_->CallAgain(weak_from_this(), EVENT_READ);
+}
+
+void TcpClient::OnReadToEnd() { reads_to_end_ = true; }
+
 void TcpClient::OnRead() {
+  if (is_paused_) return;
   const std::shared_ptr<TcpClient> self = shared_from_this();
   const auto [socket, buffer] = ReadSide();
   if (buffer == nullptr) {
@@ -195,11 +214,18 @@ void TcpClient::OnRead() {
     SignalError(self, BSP_NEW_ERROR(-1, "recv_data_ is null."));
     return;
   }
+  if (is_signal_due_) {  // what was left at the pause comes first
+    is_signal_due_ = false;
+    SignalRead(self, buffer);
+    if (is_paused_) return;
+  }
   bool any = false;
   const Got got = Read(socket, buffer, &any);
   if (got == Got::kGone) return;
+  is_ending_ = got == Got::kFailed;
   if (any && (got != Got::kFailed || deliver_last_bytes_)) SignalRead(self, buffer);
-  if (got == Got::kMore) ReadAgain(socket);
+  if (got == Got::kMore) loop_->CallAgain(self, EVENT_READ);
+  if (got == Got::kLater) CallLater(&TcpClient::OnRead);
   if (got == Got::kFailed && Unregister(socket)) {
     SignalError(self, BSP_NEW_ERROR(-1, "recv failed."));
   }
@@ -208,14 +234,22 @@ void TcpClient::OnRead() {
 void TcpClient::OnWrite() {
   const std::shared_ptr<TcpClient> self = shared_from_this();
   std::shared_ptr<Socket> socket;
+  bool has_queue = false;
   {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::lock_guard<PiMutex> lock(mutex_);
     flush_noted_ = false;
-    if (send_data_ != nullptr) {
-      if (HasSocket()) AwaitWritable(WriteQueue());
-      return;
+    later_noted_ = false;
+    has_queue = send_data_ != nullptr;
+    if (!has_queue) {
+      socket = socket_;
+    } else if (HasSocket()) {
+      send_data_->Write(socket_.get());
+      Settle();
     }
-    socket = socket_;
+  }
+  if (has_queue) {
+    if (write_hook_) write_hook_();
+    return;
   }
   loop_->RemoveEvent(socket);
   SignalError(self, BSP_NEW_ERROR(-1, "send_data_ is null."));
@@ -225,6 +259,7 @@ void TcpClient::OnError() {
   const std::shared_ptr<TcpClient> self = shared_from_this();
   const auto [socket, buffer] = ReadSide();
   Got got = deliver_last_bytes_ ? Got::kMore : Got::kGone;
+  is_ending_ = true;
   for (int turn = 0; turn < kLastTurns && got == Got::kMore; ++turn) {
     bool any = false;
     got = Read(socket, buffer, &any);
@@ -235,7 +270,7 @@ void TcpClient::OnError() {
 }
 
 std::pair<std::shared_ptr<Socket>, std::shared_ptr<MemoryBuffer>> TcpClient::ReadSide() {
-  const std::lock_guard<std::mutex> lock(read_mutex_);
+  const std::lock_guard<PiMutex> lock(read_mutex_);
   return {socket_, recv_data_};
 }
 
@@ -251,91 +286,72 @@ bool TcpClient::CanSend(const char* data, size_t length) const {
   return true;
 }
 
-void TcpClient::SendNow(const char* data, size_t length) {
-  if (length == 0) return;
-  if (send_data_->size() > 0) {  // readiness is armed or a flush noted: the loop goes on with it
-    send_data_->WriteBytes(data, length);
+void TcpClient::Settle() {
+  if (send_data_->is_torn()) {
+    GiveUpTorn();
     return;
   }
-  const size_t chunk = std::min(length, send_whole_ ? size_t{INT_MAX} : kChunk);
-  const iovec piece = {const_cast<char*>(data), chunk};
-  bool is_blocked = false;
-  const size_t taken = Transmit(&piece, 1, chunk, &is_blocked);
-  if (taken < length) send_data_->WriteBytes(data + taken, length - taken);
-  AwaitWritable(is_blocked ? Written::kBlocked : taken < length ? Written::kMore : Written::kAll);
-}
-
-TcpClient::Written TcpClient::WriteQueue() {
-  if (send_data_->size() == 0) return Written::kAll;
-  iovec pieces[kMaxPieces];
-  size_t count = 0;
-  size_t chunk = 0;
-  const size_t most = send_whole_ ? size_t{INT_MAX} : kChunk;
-  for (const std::shared_ptr<Block>& block : send_data_->blocks()) {
-    if (count == kMaxPieces || chunk == most) break;
-    const size_t length = std::min(block->size, most - chunk);
-    pieces[count++] = {block->data, length};
-    chunk += length;
-  }
-  bool is_blocked = false;
-  const size_t taken = Transmit(pieces, static_cast<int>(count), chunk, &is_blocked);
-  send_data_->ReadBytes(nullptr, taken);
-  if (is_blocked) return Written::kBlocked;
-  return send_data_->size() > 0 ? Written::kMore : Written::kAll;
-}
-
-size_t TcpClient::Transmit(const iovec* pieces, int count, size_t length, bool* is_blocked) {
-  int sent = -1;
-  do {
-    sent = count == 1 ? socket_->Send(static_cast<const char*>(pieces->iov_base),
-                                      static_cast<int>(pieces->iov_len))
-                      : socket_->SendPieces(pieces, count);
-  } while (sent == -1 && Socket::ErrorNo() == EINTR);
-  if (sent > 0) BSP_LOG_DEBUG(MOD_BSP, "send %d bytes.", sent);
-  if (sent >= 0) {
-    *is_blocked = static_cast<size_t>(sent) < length;
-    return static_cast<size_t>(sent);
-  }
-  const int error = Socket::ErrorNo();
-  *is_blocked = IsBlocked(error);
-  if (IsBlocked(error) || IsShortOfMemory(error)) return 0;
-  return length;  // failed for good: dropped, and the read side tells the owner
-}
-
-void TcpClient::AwaitWritable(Written written) {
-  switch (written) {
-    case Written::kAll:
-      Arm(kIdleMask);
+  switch (send_data_->rest()) {
+    case SendQueue::Rest::kNone:
+      Arm(send_data_->Mask());
       return;
-    case Written::kBlocked:
-      flush_noted_ = false;  // the kernel calls; trying before it does is in vain
-      Arm(kWritingMask);
+    case SendQueue::Rest::kRefused:
+      if (!Arm(send_data_->Mask())) NoteLater();  // the kernel would not call
       return;
-    case Written::kMore:
-      if (NoteFlush()) return;
-      armed_ = 0;  // the socket may be writable already: only arming it anew reports that
-      Arm(kWritingMask);
+    case SendQueue::Rest::kMore:
+      if (!NoteFlush()) Arm(kIdleMask | EVENT_WRITE);  // which reports at once
+      return;
+    case SendQueue::Rest::kLater:
+      NoteLater();
       return;
   }
 }
 
-void TcpClient::Arm(unsigned int mask) {
-  if (mask != armed_ && loop_->UpdateEvent(socket_, mask)) armed_ = mask;
+bool TcpClient::Arm(unsigned int mask) {
+  if (mask == armed_) return true;
+  if (!loop_->UpdateEvent(socket_, mask)) return false;
+  armed_ = mask;
+  return true;
 }
 
 bool TcpClient::NoteFlush() {
-  if (!flush_noted_) flush_noted_ = loop_->Defer(weak_from_this().lock());
+  if (flush_noted_) return true;
+  flush_noted_ = loop_->IsLoopThread() && loop_->CallAgain(weak_from_this(), EVENT_WRITE);
   return flush_noted_;
+}
+
+// A connection that is not registered any more has its end told by the read side.
+void TcpClient::NoteLater() {
+  if (later_noted_ || armed_ == 0) return;
+  later_noted_ = CallLater(&TcpClient::OnWrite);
+}
+
+bool TcpClient::CallLater(void (TcpClient::*step)()) {
+  const auto call = [weak = weak_from_this(), step] {
+    const std::shared_ptr<TcpClient> self = weak.lock();
+    if (self != nullptr) (self.get()->*step)();
+  };
+  return loop_->CallAt(EventLoop::NowMs() + kLaterMs, call) != 0;
+}
+
+// The stream has a hole: nothing may follow it. As a slot must not run under the lock, the loop
+// calls.
+void TcpClient::GiveUpTorn() {
+  if (armed_ == 0) return;
+  loop_->CallAgain(weak_from_this(), EVENT_ERROR);
 }
 
 TcpClient::Got TcpClient::Read(const std::shared_ptr<Socket>& socket,
                                const std::shared_ptr<MemoryBuffer>& buffer, bool* any) {
   if (socket == nullptr) return Got::kGone;
-  const bool short_read_empties = loop_->ShortReadEmpties();
+  // What will not be delivered is read in one turn, so that nothing of it is.
+  const int most_turns = IsLosing() ? kLastTurns : 1;
+  ByteSink* const sink = IsLosing() ? nullptr : sink_.get();
   size_t bytes = 0;
-  for (int reads = 0; reads < kReadsPerTurn && bytes < kBytesPerTurn; ++reads) {
+  for (int reads = 0; reads < kReadsPerTurn * most_turns; ++reads) {
     size_t room = kChunk;
-    char* const sunk = sink_ != nullptr ? sink_->Room(buffer, &room) : nullptr;
+    char* const sunk = sink != nullptr ? sink->Room(buffer, &room) : nullptr;
+    if (room == 0) return Got::kAll;
     room = std::min(room, sunk != nullptr ? kBytesPerTurn : kChunk);
     char* const target = sunk != nullptr ? sunk : ReceiveArea();
     int got = 0;
@@ -344,12 +360,15 @@ TcpClient::Got TcpClient::Read(const std::shared_ptr<Socket>& socket,
       const auto count = static_cast<size_t>(got);
       *any = true;
       if (sunk == nullptr) buffer->WriteBytes(target, count);
-      if (sunk != nullptr && sink_->Took(count)) return Got::kMore;
-      if (count < room && short_read_empties) return Got::kAll;
+      if (sunk != nullptr && sink->Took(count)) return Got::kMore;
+      if (count < room && !reads_to_end_) return Got::kAll;
       bytes += count;
+      if (bytes >= kBytesPerTurn * static_cast<size_t>(most_turns)) return Got::kMore;
     } else if (IsBlocked(-got)) {
       return Got::kAll;
-    } else if (got == 0 || (got != -EINTR && !IsShortOfMemory(-got))) {
+    } else if (IsShortOfMemory(-got)) {
+      return Got::kLater;
+    } else if (got != -EINTR) {
       return Got::kFailed;
     }
   }
@@ -358,25 +377,20 @@ TcpClient::Got TcpClient::Read(const std::shared_ptr<Socket>& socket,
 
 bool TcpClient::Receive(const std::shared_ptr<Socket>& socket, char* target, size_t length,
                         int* got) {
-  const std::lock_guard<std::mutex> lock(read_mutex_);
+  const std::lock_guard<PiMutex> lock(read_mutex_);
   if (socket_ != socket) return false;
   *got = socket->Recv(target, static_cast<int>(length));
   if (*got == -1) *got = -Socket::ErrorNo();
   return true;
 }
 
-void TcpClient::ReadAgain(const std::shared_ptr<Socket>& socket) {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  if (socket_ == socket && armed_ != 0) loop_->UpdateEvent(socket_, armed_);
-}
-
 bool TcpClient::HasOtherSocket(const std::shared_ptr<Socket>& socket) {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const std::lock_guard<PiMutex> lock(mutex_);
   return socket_ != nullptr && socket_ != socket;
 }
 
 bool TcpClient::Unregister(const std::shared_ptr<Socket>& socket) {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const std::lock_guard<PiMutex> lock(mutex_);
   if (socket_ != socket) return false;
   loop_->RemoveEvent(socket_);
   armed_ = 0;

@@ -4,7 +4,7 @@
 // reactors spin on it; this edge-triggered one would leave the peer waiting for an answer that
 // never comes. With a descriptor in reserve the server gives that one up, accepts, closes, and
 // takes the reserve back: the peer learns at once. Another thread may snatch the free number in
-// between; then this burst stays in the queue, and the reserve is opened again at the next one.
+// between; then, as after any other failure of accept, whoever waits is tried again a moment later.
 #include "bsp/net/tcp_server.h"
 
 #include <fcntl.h>
@@ -20,6 +20,8 @@ namespace {
 
 constexpr int kAcceptsPerTurn = 256;  // so that a flood of connects leaves time for the rest
 constexpr unsigned int kListenMask = EVENT_READ | EVENT_ERROR;
+
+constexpr int64_t kRetryMs = 100;  // until accept is tried again after a failure
 
 bool IsOutOfDescriptors(int error) { return error == EMFILE || error == ENFILE; }
 
@@ -48,7 +50,7 @@ bool TcpServer::Listen(const std::string& host, int port) {
   }
   socket_->SetBlocking(1);
   if (options_.keep_reserve) OpenReserve();
-  loop_->AddEvent(socket_, kListenMask, this, weak_from_this());
+  is_watched_ = loop_->AddEvent(socket_, kListenMask, this, weak_from_this());
   return true;
 }
 
@@ -66,13 +68,29 @@ void TcpServer::OnRead() {
   if (options_.keep_reserve) OpenReserve();
   for (int accepted = 0; accepted < kAcceptsPerTurn; ++accepted) {
     const std::shared_ptr<Socket> connection = socket_->Accept();
+    const int error = Socket::ErrorNo();
     if (connection != nullptr) {
-      SignalAccept(self, connection);
-    } else if (!IsOutOfDescriptors(Socket::ErrorNo()) || !TurnAway()) {
+      is_failing_ = false;
+      loop_->RunContained([&] { SignalAccept(self, connection); });
+    } else if (error == EAGAIN || error == EWOULDBLOCK) {
+      return;
+    } else if (!IsOutOfDescriptors(error) || !TurnAway()) {
+      AcceptLater(error);
       return;
     }
   }
-  loop_->UpdateEvent(socket_, kListenMask);  // reports again what is left
+  loop_->CallAgain(self, EVENT_READ);  // for what is left
+}
+
+void TcpServer::AcceptLater(int error) {
+  if (options_.keep_reserve && !is_failing_) {
+    BSP_LOG_ERROR(MOD_BSP, "accept failed, errno %d: trying again", error);
+  }
+  is_failing_ = true;
+  loop_->CallAt(EventLoop::NowMs() + kRetryMs, [weak = weak_from_this()] {
+    const std::shared_ptr<TcpServer> self = weak.lock();
+    if (self != nullptr) self->OnRead();
+  });
 }
 
 void TcpServer::OnWrite() { BSP_LOG_DEBUG(MOD_BSP, "%s", ""); }

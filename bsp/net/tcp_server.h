@@ -29,7 +29,7 @@ class BSP_EXPORT TcpServer : public EventHandler, public std::enable_shared_from
 
     // Keeps one descriptor in reserve. When the process has none left, each waiting peer is then
     // accepted with it and closed at once, with one log line a burst. Without it waiting peers hang
-    // until the next one arrives while descriptors are free again.
+    // until descriptors are free again. An accept that fails for another reason is told, too.
     bool keep_reserve = false;
   };
 
@@ -48,8 +48,12 @@ class BSP_EXPORT TcpServer : public EventHandler, public std::enable_shared_from
   void SetOptions(const Options& options) { options_ = options; }
 
   // Listens and registers with the loop. "0.0.0.0" takes all interfaces, port 0 any free port.
-  // False, after log lines, on failure; a next Listen starts anew.
+  // False, after log lines, on failure; a next Listen starts anew. A listener that the loop could
+  // not register is told by IsWatched.
   bool Listen(const std::string& host, int port);
+
+  // False when the loop does not watch the listener: nobody is ever accepted.
+  bool IsWatched() const { return is_watched_; }
 
   // The port that the kernel listens on; -1 when it does not.
   int GetPort() const;
@@ -62,12 +66,16 @@ class BSP_EXPORT TcpServer : public EventHandler, public std::enable_shared_from
   void OpenReserve();
   // Accepts and closes what waits while no descriptor is left. False when nobody was turned away.
   bool TurnAway();
+  // After an accept that failed: peers may wait, and no edge will tell of them.
+  void AcceptLater(int error);
 
   const std::shared_ptr<EventLoop> loop_;
   std::shared_ptr<Socket> socket_;
   SocketAddress address_;
   Options options_;
   int reserve_fd_ = -1;
+  bool is_watched_ = false;
+  bool is_failing_ = false;  // the last accept failed, and that is told
 };
 
 }  // namespace bsp

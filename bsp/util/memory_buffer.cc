@@ -293,6 +293,18 @@ MemoryBuffer::Chain::iterator MemoryBuffer::GetPostion(size_t pos, size_t* offse
   return blocks_.end();
 }
 
+size_t MemoryBuffer::Pieces(iovec* pieces, size_t count, size_t len) const {
+  size_t used = 0;
+  size_t skip = front_read_;
+  for (auto block = blocks_.begin(); block != blocks_.end() && used < count && len > 0; ++block) {
+    const size_t length = std::min(HeldBytes(**block) - skip, len);
+    if (length > 0) pieces[used++] = {(*block)->data + skip, length};
+    len -= length;
+    skip = 0;
+  }
+  return used;
+}
+
 void MemoryBuffer::DumpData() const {
   for (const auto& block : blocks_) static_cast<void>(block);
 }

@@ -2,6 +2,8 @@
 #ifndef BSP_UTIL_MEMORY_BUFFER_H_
 #define BSP_UTIL_MEMORY_BUFFER_H_
 
+#include <sys/uio.h>
+
 #include <array>
 #include <atomic>
 #include <cstddef>
@@ -202,6 +204,10 @@ class BSP_EXPORT MemoryBuffer {
   // The block that holds byte number `pos`, and in *offset its place in the block. The end, with
   // *offset untouched, when `pos` is at or behind the end of the buffer.
   Chain::iterator GetPostion(size_t pos, size_t* offset);
+
+  // The first bytes where they lie, for a call that gathers: fills at most `count` pieces with at
+  // most `len` bytes together and returns how many pieces it took. Valid until the next change.
+  size_t Pieces(iovec* pieces, size_t count, size_t len) const;
 
   // Walks the chain, without visible effect.
   void DumpData() const;

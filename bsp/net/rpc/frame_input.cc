@@ -20,7 +20,16 @@ constexpr size_t kApartMost = size_t{16} * 1024 * 1024;
 // what it took of it has to be copied.
 constexpr size_t kSmallRead = size_t{16} * 1024;
 
+// For bytes that are thrown away.
+char* WasteArea(size_t* room) {
+  static thread_local char area[kSmallRead];
+  *room = std::min(*room, sizeof area);
+  return area;
+}
+
 }  // namespace
+
+// ---- FrameMemory
 
 bool FrameMemory::Reserve(size_t size) {
   if (size <= capacity_) return true;
@@ -41,76 +50,156 @@ void FrameMemory::Release() {
   capacity_ = 0;
 }
 
-FrameInput::FrameInput(std::shared_ptr<FrameMemory> frame, size_t most_bytes)
-    : frame_(std::move(frame)), most_bytes_(most_bytes) {}
+// ---- FrameStore
+
+FrameStore::FrameStore(std::shared_ptr<FrameMemory> shared) : shared_(std::move(shared)) {}
+
+FrameStore::~FrameStore() { FrameStore::Recycle(); }  // what was borrowed goes back
+
+char* FrameStore::Small(size_t size) {
+  return shared_->Reserve(size + 1) ? shared_->data() : nullptr;
+}
+
+char* FrameStore::Begin(const RpcHeader& head, size_t* from, size_t* room) {
+  *from = 0;
+  *room = static_cast<size_t>(head.size);
+  large_.Swap(shared_.get());
+  return large_.Reserve(*room + 1) ? large_.data() : nullptr;
+}
+
+Frame FrameStore::End(const RpcHeader& head) {
+  const auto size = static_cast<size_t>(head.size);
+  char* const bytes = large_.data();
+  bytes[size] = '\0';
+  return {reinterpret_cast<RpcHeader*>(bytes), bytes + sizeof head, size};
+}
+
+// Of two that were in use at the same time the larger stays.
+void FrameStore::Recycle() {
+  if (large_.capacity() > shared_->capacity()) large_.Swap(shared_.get());
+  large_.Release();
+}
+
+// ---- ReplyStore
+
+char* ReplyStore::Begin(const RpcHeader& head, size_t* from, size_t* room) {
+  const auto size = static_cast<size_t>(head.size);
+  is_apart_ = head.type == RPC_TYPE_REPLAY && size <= kApartMost;
+  if (!is_apart_) return FrameStore::Begin(head, from, room);
+  *from = sizeof head;
+  *room = size - sizeof head;
+  payload_.resize(*room + 1);
+  return &payload_[0];
+}
+
+Frame ReplyStore::End(const RpcHeader& head) {
+  if (!is_apart_) return FrameStore::End(head);
+  char* const place = Small(sizeof head);
+  if (place == nullptr) return {};
+  memcpy(place, &head, sizeof head);
+  const auto size = static_cast<size_t>(head.size);
+  payload_[size - sizeof head] = '\0';
+  return {reinterpret_cast<RpcHeader*>(place), &payload_[0], size};
+}
+
+void ReplyStore::Recycle() {
+  if (!is_apart_) FrameStore::Recycle();
+  is_apart_ = false;
+}
+
+// ---- FrameInput
+
+FrameInput::FrameInput(std::shared_ptr<FrameStore> store, Decide decide)
+    : store_(std::move(store)), decide_(std::move(decide)) {}
 
 FrameInput::~FrameInput() = default;
 
-RpcFrameState FrameInput::Take(const std::shared_ptr<MemoryBuffer>& buffer, RpcHeader* head,
-                               bool* is_taken) {
-  *is_taken = true;
-  is_apart_ = false;
-  if (large_ != nullptr) {
-    *head = large_head_;
-    if (large_held_ < large_size_) return RpcFrameState::kIncomplete;
-    *is_taken = TakeLarge();
-    return RpcFrameState::kComplete;
-  }
-  const RpcFrameState state = LookAtRpcFrame(buffer, head);
-  if (state != RpcFrameState::kComplete) return state;
-  const auto size = static_cast<size_t>(head->size);
-  *is_taken = frame_->Reserve(size + 1);
-  if (!*is_taken) return state;
-  buffer->ReadBytes(frame_->data(), size);
-  frame_->data()[size] = '\0';
-  return state;
+RpcFrameState FrameInput::Look(const std::shared_ptr<MemoryBuffer>& buffer, RpcHeader* head) {
+  if (is_taken_) EndLarge();
+  if (skip_ > 0) return RpcFrameState::kNoHead;
+  if (large_ == nullptr) return LookAtRpcFrame(buffer, head);
+  *head = large_head_;
+  return IsUnderWay() ? RpcFrameState::kIncomplete : RpcFrameState::kComplete;
 }
 
-// The frame changes hands with its memory.
-bool FrameInput::TakeLarge() {
-  is_apart_ = large_ != large_memory_.data();
-  large_[large_size_] = '\0';
-  large_ = nullptr;
-  if (is_apart_) {
-    if (!frame_->Reserve(sizeof large_head_)) return false;
-    memcpy(frame_->data(), &large_head_, sizeof large_head_);
-    return true;
+Frame FrameInput::Take(const std::shared_ptr<MemoryBuffer>& buffer, const RpcHeader& head) {
+  if (large_ != nullptr) {
+    is_taken_ = true;
+    return store_->End(large_head_);
   }
-  frame_->Swap(&large_memory_);
-  large_memory_.Release();
-  return true;
+  const auto size = static_cast<size_t>(head.size);
+  char* const bytes = store_->Small(size);
+  if (bytes == nullptr) return {};
+  buffer->ReadBytes(bytes, size);
+  bytes[size] = '\0';
+  return {reinterpret_cast<RpcHeader*>(bytes), bytes + sizeof head, size};
+}
+
+void FrameInput::Discard(const std::shared_ptr<MemoryBuffer>& buffer, const RpcHeader& head) {
+  if (large_ != nullptr) {
+    EndLarge();
+  } else {
+    buffer->ReadBytes(nullptr, static_cast<size_t>(head.size));
+  }
+}
+
+void FrameInput::GiveUp() {
+  if (!IsUnderWay()) return;
+  skip_ = large_size_ - large_held_;
+  EndLarge();
+}
+
+void FrameInput::EndLarge() {
+  store_->Recycle();
+  large_ = nullptr;
+  is_taken_ = false;
 }
 
 char* FrameInput::Room(const std::shared_ptr<MemoryBuffer>& buffer, size_t* room) {
   *room = kSmallRead;
-  if (large_ == nullptr) {
+  if (is_taken_) EndLarge();
+  if (skip_ == 0 && large_ == nullptr) {
     const RpcFrameState state = LookAtRpcFrame(buffer, &large_head_);
-    if (state != RpcFrameState::kIncomplete || !StartLarge(buffer)) return nullptr;
+    if (state != RpcFrameState::kIncomplete) return nullptr;
+    const auto size = static_cast<size_t>(large_head_.size);
+    if (size < kLargeFrame) return nullptr;
+    switch (decide_ ? decide_(large_head_) : Decision::kTake) {
+      case Decision::kWait:
+        *room = 0;
+        return nullptr;
+      case Decision::kSkip:
+        Skip(buffer, size);
+        break;
+      case Decision::kTake:
+        if (!StartLarge(buffer)) return nullptr;
+    }
   }
-  if (large_held_ == large_size_) return nullptr;  // a whole one that nobody has taken yet
-  *room = large_size_ - large_held_;
-  return large_ + large_held_;
+  if (skip_ > 0) {
+    *room = skip_;
+    return WasteArea(room);
+  }
+  *room = large_size_ - large_held_;  // 0: a whole one that nobody has taken yet
+  return *room > 0 ? large_ + large_held_ : nullptr;
 }
 
 bool FrameInput::StartLarge(const std::shared_ptr<MemoryBuffer>& buffer) {
-  const auto size = static_cast<size_t>(large_head_.size);
-  if (size < kLargeFrame || (most_bytes_ != 0 && size > most_bytes_)) return false;
-  large_size_ = size;
-  if (keeps_replies_apart_ && large_head_.type == RPC_TYPE_REPLAY && size <= kApartMost) {
-    large_size_ -= sizeof large_head_;
-    payload_.resize(large_size_ + 1);
-    large_ = &payload_[0];
-    buffer->ReadBytes(nullptr, sizeof large_head_);
-  } else {
-    large_memory_.Swap(frame_.get());
-    if (!large_memory_.Reserve(size + 1)) return false;
-    large_ = large_memory_.data();
-  }
+  size_t from = 0;
+  large_ = store_->Begin(large_head_, &from, &large_size_);
+  if (large_ == nullptr) return false;
+  buffer->ReadBytes(nullptr, from);
   large_held_ = buffer->ReadBytes(large_, buffer->size());
   return true;
 }
 
+void FrameInput::Skip(const std::shared_ptr<MemoryBuffer>& buffer, size_t size) {
+  skip_ = size - buffer->ReadBytes(nullptr, std::min(size, buffer->size()));
+}
+
 bool FrameInput::Took(size_t count) {
+  if (skip_ > 0) {
+    skip_ -= count;
+    return false;
+  }
   large_held_ += count;
   return large_held_ == large_size_;
 }

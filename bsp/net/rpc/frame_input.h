@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -11,6 +12,16 @@
 #include "bsp/net/tcp_client.h"
 
 namespace bsp {
+
+// A whole frame where it lies; nobody owns it, and the next one may take its place.
+struct Frame {
+  RpcHeader* head = nullptr;
+  char* payload = nullptr;  // a zero byte stands behind it
+  size_t size = 0;          // of both, 104 at least
+
+  explicit operator bool() const { return head != nullptr; }
+  size_t payload_size() const { return size - sizeof(RpcHeader); }
+};
 
 // Memory for one frame. Its pages cost nothing until they are written to, so that a head which
 // announces a large frame and no more cannot take the machine's memory.
@@ -32,50 +43,110 @@ class FrameMemory {
   size_t capacity_ = 0;
 };
 
+// Where the frames of one connection come to lie: small ones in a memory that all connections of a
+// thread share, since frames are handled one at a time; a large one under way in one of its own,
+// borrowed from the shared one where that is free.
+//
+// Threads: the loop's, as all below.
+class FrameStore {
+ public:
+  explicit FrameStore(std::shared_ptr<FrameMemory> shared);
+  virtual ~FrameStore();
+
+  // For a whole frame of `size` bytes and the zero byte; null without memory.
+  char* Small(size_t size);
+
+  // For a large frame with this head, that lie from byte number *from of the frame on, and in *room
+  // how many. Null without memory.
+  virtual char* Begin(const RpcHeader& head, size_t* from, size_t* room);
+
+  // The large frame, when all its bytes are there. Null without memory. Its place is kept until
+  // Recycle.
+  virtual Frame End(const RpcHeader& head);
+
+  // The memory of a large frame that is done with, or given up, serves the next one. The shared
+  // memory never shrinks by it.
+  virtual void Recycle();
+
+ protected:
+  const std::shared_ptr<FrameMemory> shared_;
+  FrameMemory large_;
+};
+
+// The same for an end that wants large answers apart from their head, in a string that can be given
+// away without a copy.
+class ReplyStore : public FrameStore {
+ public:
+  using FrameStore::FrameStore;
+
+  char* Begin(const RpcHeader& head, size_t* from, size_t* room) override;
+  Frame End(const RpcHeader& head) override;
+  void Recycle() override;
+
+  // The payload of the frame that End gave, and one zero byte; null when it stands behind its head.
+  std::string* PayloadApart() { return is_apart_ ? &payload_ : nullptr; }
+
+ private:
+  std::string payload_;  // from here on kept for its memory
+  bool is_apart_ = false;
+};
+
 // Cuts the input of one connection into frames.
 //
 // A frame of 32 KiB or more of which only the first part has come is given memory of its own, and
 // the rest is received there: through the blocks of the receive buffer its bytes would be copied
 // twice more. It is handed out in its turn, since nothing is received behind it until then.
-//
-// Threads: the loop's.
 class FrameInput : public ByteSink {
  public:
-  // `frame` is where frames are handed out, shared by the inputs of one thread; between frames its
-  // memory is lent to a large one under way. Frames above most_bytes, 0 for none, get none.
-  FrameInput(std::shared_ptr<FrameMemory> frame, size_t most_bytes);
+  // What becomes of a large frame whose head has come.
+  enum class Decision {
+    kTake,
+    kSkip,  // its bytes are received and thrown away
+    kWait   // nothing is read; asked again at the next read
+  };
+  using Decide = std::function<Decision(const RpcHeader& head)>;
 
-  // From now on the payload of a large reply lies apart, with the zero byte, in a string that can
-  // be given away without a copy.
-  void KeepRepliesApart() { keeps_replies_apart_ = true; }
+  // Without `decide` every frame is taken.
+  explicit FrameInput(std::shared_ptr<FrameStore> store, Decide decide = nullptr);
   ~FrameInput() override;
 
-  // Puts the next whole frame into the frame memory, with one zero byte behind it. Anything but
-  // kComplete: there is none; *head is filled but for kNoHead. kComplete with a false *is_taken: no
-  // memory.
-  RpcFrameState Take(const std::shared_ptr<MemoryBuffer>& buffer, RpcHeader* head, bool* is_taken);
+  // What stands next. *head is filled but for kNoHead.
+  RpcFrameState Look(const std::shared_ptr<MemoryBuffer>& buffer, RpcHeader* head);
 
-  // The payload of the frame just taken, when it lies apart; else null.
-  std::string* PayloadApart() { return is_apart_ ? &payload_ : nullptr; }
+  // Takes the complete frame that Look has just told of. A null one: no memory for it.
+  Frame Take(const std::shared_ptr<MemoryBuffer>& buffer, const RpcHeader& head);
+
+  // The same, thrown away.
+  void Discard(const std::shared_ptr<MemoryBuffer>& buffer, const RpcHeader& head);
+
+  // Bytes of memory held by a large frame under way, in full from its head on.
+  size_t LargeBytes() const { return large_ != nullptr ? large_size_ : 0; }
+
+  // The head of a large frame of which bytes are still to come; null without one.
+  const RpcHeader* UnderWay() const { return IsUnderWay() ? &large_head_ : nullptr; }
+  size_t ReceivedBytes() const { return large_held_; }
+
+  // Throws a large frame under way away: its memory now, its bytes as they come.
+  void GiveUp();
 
   char* Room(const std::shared_ptr<MemoryBuffer>& buffer, size_t* room) override;
   bool Took(size_t count) override;
 
  private:
+  bool IsUnderWay() const { return large_ != nullptr && large_held_ < large_size_; }
   bool StartLarge(const std::shared_ptr<MemoryBuffer>& buffer);
-  bool TakeLarge();
+  void EndLarge();
+  void Skip(const std::shared_ptr<MemoryBuffer>& buffer, size_t size);
 
-  const std::shared_ptr<FrameMemory> frame_;
-  const size_t most_bytes_;
-  bool keeps_replies_apart_ = false;
+  const std::shared_ptr<FrameStore> store_;
+  const Decide decide_;
 
   RpcHeader large_head_ = {};  // of the large frame under way
   char* large_ = nullptr;      // where it comes to lie; null: none is under way
-  size_t large_size_ = 0;      // bytes to come in all
+  size_t large_size_ = 0;      // bytes to come there in all
   size_t large_held_ = 0;      // received of them
-  FrameMemory large_memory_;
-  std::string payload_;  // of a reply, from here on kept for its memory
-  bool is_apart_ = false;
+  size_t skip_ = 0;            // bytes to come that are thrown away
+  bool is_taken_ = false;      // the large frame is handed out, its memory to be recycled
 };
 
 }  // namespace bsp

@@ -204,8 +204,8 @@ std::shared_ptr<MSError> RpcClient::Open(const std::string& host, uint16_t port)
   }
   const auto client = std::make_shared<TcpClient>(loop_);
   SetConnection(client);
-  input_ = std::make_shared<FrameInput>(recv_buf_, 0);
-  input_->KeepRepliesApart();
+  store_ = std::make_shared<ReplyStore>(recv_buf_);
+  input_ = std::make_shared<FrameInput>(store_);
   client->SetSink(input_);
   client->SetSendWhole(true);
   client->SignalError.connect(this, &RpcClient::TcpHandleError);
@@ -305,8 +305,8 @@ std::shared_ptr<MSError> RpcClient::Send(RpcHeader* header, const char* payload,
   const bool is_sent =
       payload_size < kLargePayload
           ? client->Send(Framed(*header, payload, payload_size), sizeof *header + payload_size)
-          : client->SendPair(reinterpret_cast<const char*>(header), sizeof *header, payload,
-                             payload_size);
+          : client->Send(reinterpret_cast<const char*>(header), sizeof *header, payload,
+                         payload_size);
   return is_sent ? kOk : BSP_NEW_ERROR(-1, "send error");
 }
 
@@ -462,19 +462,21 @@ void RpcClient::TcpHandleMessage(std::shared_ptr<TcpClient>, std::shared_ptr<Mem
   const std::shared_ptr<RpcClient> self = weak_from_this().lock();
   if (self == nullptr) return;
   RpcHeader head;
-  bool is_taken = false;
-  RpcFrameState state = input_->Take(buffer, &head, &is_taken);
-  while (state == RpcFrameState::kComplete && is_taken) {
-    auto* frame = reinterpret_cast<RpcHeader*>(recv_buf_->data());
-    if (frame->type == RPC_TYPE_REQUEST || frame->type == RPC_TYPE_MESSAGE) {
-      SignalMessage(self, frame);
-    } else if (frame->type == RPC_TYPE_REPLAY) {
-      TakeReply(frame, input_->PayloadApart());
+  RpcFrameState state = input_->Look(buffer, &head);
+  bool is_short_of_memory = false;
+  while (state == RpcFrameState::kComplete && !is_short_of_memory) {
+    const Frame frame = input_->Take(buffer, head);
+    is_short_of_memory = !frame;
+    if (!frame) break;
+    if (frame.head->type == RPC_TYPE_REQUEST || frame.head->type == RPC_TYPE_MESSAGE) {
+      SignalMessage(self, frame.head);
+    } else if (frame.head->type == RPC_TYPE_REPLAY) {
+      TakeReply(frame.head, store_->PayloadApart());
     }
-    state = input_->Take(buffer, &head, &is_taken);
+    state = input_->Look(buffer, &head);
   }
   const bool is_unreadable =
-      state == RpcFrameState::kWrongMagic || state == RpcFrameState::kBadSize || !is_taken;
+      state == RpcFrameState::kWrongMagic || state == RpcFrameState::kBadSize || is_short_of_memory;
   if (is_unreadable) ReportUnreadable(self);
 }
 

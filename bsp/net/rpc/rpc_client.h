@@ -185,6 +185,7 @@ class BSP_EXPORT RpcClient : public sigslot::has_slots<sigslot::single_threaded>
   std::mutex send_mutex_;       // guards send_buf_ and the order of frames on the connection
   std::vector<char> send_buf_;  // the outgoing small frame; never shrinks
   const std::shared_ptr<FrameMemory> recv_buf_;  // the frame being handled; rpc_cli thread
+  std::shared_ptr<ReplyStore> store_;
   std::shared_ptr<FrameInput> input_;
   std::mutex msg_sem_mutex_;  // guards msg_sems_ and what follows, and writes into a waiter
   WaiterTable msg_sems_;      // calls in flight, by seq

@@ -1,32 +1,51 @@
-// The life of the broker, its connections, and the dispatch of frames.
+// The life of the broker, its connections, the dispatch of frames, and the protocol's operations.
 //
 // One thread runs everything: the loop calls TcpClient::OnRead, which raises SignalRead, and
 // CliHandleMessage cuts the delivery into frames. Frames are not re-encoded: they are taken into
-// one piece of memory, patched in place, and the same bytes go out.
+// one piece of memory, patched in place, and the same bytes go out. Small frames are only queued
+// while events are handled and leave, all that go to one destination together, in one system call
+// when the loop is done with the events at hand. A destination gets its bytes in the order in which
+// they were handled all the same.
 //
-// A slow peer cannot block the thread: bytes that its socket does not take wait in its TcpClient.
-// Small frames are only queued while events are handled and leave, all that go to one destination
-// together, in one system call when the loop is done with the events at hand. A destination gets
-// its bytes in the order in which they were handled all the same.
+// Who pays when somebody is slow. Bytes that a socket does not take wait in its TcpClient; Backlog
+// knows from whom, PeerAccount what it costs. A frame that is within the limits passes. Above them,
+// while the destination reads, its sender waits: the frame stays where it is, nothing more is read
+// from that sender, and its own socket fills up. That lasts until the backlog has gone down, or
+// patience_ms; then, and at once for a destination that takes no byte, the frame is refused, never
+// the peer: a request is answered with RPC_ERR_BUSY, the rest is counted. The same for a large
+// frame without room in the budget. A peer is dropped for what it does itself alone: garbage,
+// frames that are too large, or a socket that takes nothing for stall_timeout_s.
 //
-// A connection may be closed by what is handled on another one (a takeover, a backlog), and by its
-// own frames (a limit). The tables change only in CliClose; whoever is dropped in the midst of a
-// walk over listeners is marked, gets nothing more, and is closed when the delivery is done.
+// With limits off none of this costs more than a look at a counter (stuck_count_).
+//
+// A connection may be closed by what is handled on another one (a takeover, a lack of places), and
+// by its own frames (a limit). The tables change only in CliClose; whoever is dropped in the midst
+// of a walk over listeners is marked, gets nothing more, and is closed when the delivery is done.
+//
+// Without track_calls the only memory of a requester is its descriptor, which the broker writes
+// into the forwarded frame and the listener sends back in its reply. A bare descriptor has no
+// generation: when the requester is gone and its number has been given away again, the reply
+// reaches the new owner, whose client drops it for want of a waiter.
 #include "bsp/net/rpc/rpc_server.h"
 
 #include <malloc.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <sys/timerfd.h>
-#include <unistd.h>
+#include <time.h>
 
 #include <algorithm>
+#include <cstring>
+#include <future>
+#include <list>
 #include <system_error>
 #include <utility>
 
 #include "bsp/base/socket.h"
 #include "bsp/log/log.h"
 #include "bsp/net/event_loop.h"
+#include "bsp/net/rpc/call_table.h"
+#include "bsp/net/rpc/command_table.h"
+#include "bsp/net/rpc/rpc_agent.h"
 #include "bsp/net/tcp_client.h"
 #include "bsp/net/tcp_server.h"
 #include "bsp/util/memory_buffer.h"
@@ -37,78 +56,57 @@ namespace {
 
 const std::shared_ptr<MSError> kOk;
 
+constexpr size_t kHeadSize = sizeof(RpcHeader);
+constexpr size_t kRecordFrameSize = sizeof(RpcHeader) + sizeof(RpcListenRecord);
+
+// What things cost beside their payload, measured and rounded up.
+constexpr size_t kPlaceBytes = 4096;
+constexpr size_t kCommandBytes = 768;
+
+constexpr int64_t kTickMs = 1000;
+constexpr int64_t kRetryMs = 100;        // between looks at who waits, when nothing else brings one
+constexpr int64_t kStandStillMs = 1000;  // a large frame without a byte for so long gives way
+constexpr int64_t kForgetUs = 10000000;  // a call without an answer for so long, when they are many
+constexpr size_t kGatheredMost = 16384;  // above it TcpClient sends at once
+// Bytes handled in one second: less cannot have grown the process by more than that.
+constexpr size_t kCalmBytes = size_t{256} * 1024;
+
 int CodeOf(const std::shared_ptr<MSError>& error) { return error != kOk ? error->ErrorCode() : 0; }
+
+std::string NameOf(const char (&cmd)[64]) { return std::string(RpcCmdText(cmd)); }
+
+// For "%.*s", which costs nothing while the line is filtered.
+int LengthOf(const char (&cmd)[64]) { return static_cast<int>(RpcCmdText(cmd).size()); }
+
+// The record behind the head; null when the frame is too short to hold one.
+const RpcListenRecord* RecordOf(const RpcHeader* head) {
+  if (head->size < static_cast<int32_t>(kRecordFrameSize)) return nullptr;
+  return reinterpret_cast<const RpcListenRecord*>(head + 1);
+}
+
+std::shared_ptr<MSError> RefuseShort(const RpcHeader* head) {
+  BSP_LOG_ERROR(MOD_BSP, "frame of type %d is short: %d bytes, needs %zu", head->type, head->size,
+                kRecordFrameSize);
+  return BSP_NEW_ERROR(-1, "frame of type %d is short: %d bytes, needs %zu", head->type, head->size,
+                       kRecordFrameSize);
+}
+
+std::shared_ptr<MSError> Busy(const char* what) {
+  return BSP_NEW_ERROR(RPC_ERR_BUSY, "refused: %s", what);
+}
 
 }  // namespace
 
-// What a host may want done once a second, by a timer on the broker's loop.
-class RpcServer::Housekeeping : public EventHandler {
- public:
-  Housekeeping(std::shared_ptr<EventLoop> loop, const Options& options,
-               std::shared_ptr<FrameMemory> recv_buf)
-      : loop_(std::move(loop)), options_(options), recv_buf_(std::move(recv_buf)) {
-    timer_ = std::make_shared<Socket>(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
-    struct itimerspec period = {};
-    period.it_value.tv_sec = 1;
-    period.it_interval.tv_sec = 1;
-    timerfd_settime(timer_->GetNativeSocket(), 0, &period, nullptr);
-    loop_->AddEvent(timer_, EVENT_READ, this);
-  }
-  ~Housekeeping() override { loop_->RemoveEvent(timer_); }
-  Housekeeping(const Housekeeping&) = delete;
-  Housekeeping& operator=(const Housekeeping&) = delete;
-
-  void NoteBytes(size_t count) {
-    bytes_ += count;
-    if (bytes_ > kCalmBytes) is_release_due_ = true;
-  }
-
-  void OnRead() override {
-    uint64_t expirations = 0;
-    // A periodic timer is armed anew by being read.
-    if (read(timer_->GetNativeSocket(), &expirations, sizeof expirations) == -1) return;
-    const bool is_calm = bytes_ <= kCalmBytes;
-    bytes_ = 0;
-    if (is_release_due_ && is_calm) Release();
-    if (options_.on_tick) options_.on_tick();
-  }
-  void OnWrite() override {}
-  void OnError() override {}
-
- private:
-  // Bytes handled in one second: less cannot have grown the process by more than that.
-  static constexpr size_t kCalmBytes = size_t{256} * 1024;
-
-  void Release() {
-    is_release_due_ = false;
-    if (!options_.release_memory) return;
-    recv_buf_->Release();
-    malloc_trim(0);
-  }
-
-  const std::shared_ptr<EventLoop> loop_;
-  const Options& options_;
-  const std::shared_ptr<FrameMemory> recv_buf_;
-  std::shared_ptr<Socket> timer_;
-  size_t bytes_ = 0;  // since the last tick
-  bool is_release_due_ = false;
-};
-
-RpcServer::RpcAgent::~RpcAgent() {
-  if (client == nullptr) return;
-  BSP_LOG_DEBUG(MOD_BSP, "CloseClient addr=%s", client->GetAddress().ToString().c_str());
-  client->Disconnect();
-  client.reset();
-}
-
-int RpcServer::RpcAgent::GetNativeSocket() const {
-  return client == nullptr ? -1 : client->GetNativeSocket();
-}
+// ---- Life
 
 RpcServer::RpcServer() : RpcServer(Options()) {}
 
 RpcServer::RpcServer(const Options& options)
-    : recv_buf_(std::make_shared<FrameMemory>()), options_(options) {}
+    : options_(options),
+      budget_(std::make_unique<Budget>(options.max_memory_bytes)),
+      recv_buf_(std::make_shared<FrameMemory>()),
+      cmds_(std::make_unique<CommandTable>()),
+      calls_(std::make_unique<CallTable>()) {}
 
 RpcServer::~RpcServer() { Stop(); }
 
@@ -122,6 +120,7 @@ std::shared_ptr<MSError> RpcServer::Start(const std::string& host, int port) {
     BSP_LOG_ERROR(MOD_BSP, "Failed to create event loop");
     return BSP_NEW_ERROR(-1, "Failed to create event loop");
   }
+  loop_->SetContainFailures(options_.contain_failures);
   server_ = std::make_shared<TcpServer>(loop_);
   TcpServer::Options listener;
   if (options_.listen_backlog > 0) listener.backlog = options_.listen_backlog;
@@ -132,10 +131,12 @@ std::shared_ptr<MSError> RpcServer::Start(const std::string& host, int port) {
     BSP_LOG_ERROR(MOD_BSP, "Failed to create server socket");
     return BSP_NEW_ERROR(-1, "Failed to create server socket");
   }
-  server_->SignalAccept.connect(this, &RpcServer::HandleAccept);
-  if (options_.release_memory || options_.on_tick) {
-    housekeeping_ = std::make_unique<Housekeeping>(loop_, options_, recv_buf_);
+  if (!server_->IsWatched()) {
+    BSP_LOG_ERROR(MOD_BSP, "Failed to watch server socket");
+    return BSP_NEW_ERROR(-1, "Failed to watch server socket");
   }
+  server_->SignalAccept.connect(this, &RpcServer::HandleAccept);
+  if (options_.on_tick) NoteTick();
   try {
     thread_ = std::thread(&RpcServer::Loop, this);
   } catch (const std::system_error& failure) {
@@ -149,24 +150,103 @@ std::shared_ptr<MSError> RpcServer::Start(const std::string& host, int port) {
 void RpcServer::Loop() {
   loop_->Loop();
   BSP_LOG_ERROR(MOD_BSP, "RPC server loop exit");
+  if (!loop_->FailureText().empty() && options_.on_give_up) {
+    options_.on_give_up(loop_->FailureText());
+  }
 }
 
 void RpcServer::Stop() {
-  if (loop_ != nullptr) {
+  if (loop_ != nullptr && loop_->IsLoopThread()) {
+    BSP_LOG_ERROR(MOD_BSP, "Stop refused on the broker's own thread, it cannot wait for itself");
+    return;
+  }
+  if (process_.IsForeign()) {
+    // The thread is the parent's: neither to be joined nor to be destroyed here.
+    if (thread_.joinable()) new std::thread(std::move(thread_));
+  } else if (loop_ != nullptr) {
     loop_->Stop();
     loop_->Wakeup();
     if (thread_.joinable()) thread_.join();
-    housekeeping_.reset();
-    loop_.reset();
   }
+  loop_.reset();
   server_.reset();
   for (const auto& entry : clients_) {
     if (entry.second->client != nullptr) entry.second->client->Disconnect();
+    ForgetCalls(entry.second.get());
+    entry.second->account.Close();
+    entry.second->account.Set(PeerAccount::kCommands, 0);
   }
+  cmds_->Clear();
+  waiting_.clear();
   dropped_.clear();
   clients_.clear();
-  cmds_.clear();
+  stuck_count_ = 0;
+  retry_ = 0;
+  tick_ = 0;
 }
+
+void RpcServer::RunOnLoop(const std::function<void()>& look) {
+  const std::shared_ptr<EventLoop> loop = loop_;
+  if (loop == nullptr || loop->IsLoopThread()) return;
+  std::promise<void> done;
+  const uint64_t id = loop->CallAt(0, [&] {
+    look();
+    done.set_value();
+  });
+  const auto future = done.get_future();
+  constexpr std::chrono::seconds kPatience{5};  // for a loop that has given up
+  while (id != 0 && future.wait_for(kPatience) != std::future_status::ready) {
+    if (loop->CancelCall(id)) return;
+  }
+}
+
+RpcServer::Totals RpcServer::Count() {
+  Totals totals;
+  RunOnLoop([&] {
+    totals = totals_;
+    totals.clients = clients_.size();
+    totals.commands = cmds_->size();
+    totals.calls = calls_->size();
+    totals.waiting = waiting_.size();
+    totals.memory_bytes = budget_->used_bytes();
+  });
+  return totals;
+}
+
+std::vector<RpcServer::CommandView> RpcServer::Commands() {
+  std::vector<CommandView> views;
+  RunOnLoop([&] {
+    NoteMoment();
+    cmds_->ForEach([&](const Cmd2Cli& command) {
+      CommandView view;
+      view.name = command.cmd;
+      view.kind = command.type;
+      view.power = command.power;
+      view.listeners = command.clients.size();
+      if (command.counts != nullptr) {
+        const CommandCounts& counts = *command.counts;
+        view.calls = counts.calls;
+        view.answers = counts.answers;
+        view.errors = counts.errors;
+        view.refused = counts.refused;
+        view.messages = counts.messages;
+        view.calls_per_s = counts.RatePerSecond(now_us_);
+        view.p50_us = counts.latency.Percentile(0.5);
+        view.p99_us = counts.latency.Percentile(0.99);
+      }
+      views.push_back(std::move(view));
+    });
+  });
+  return views;
+}
+
+void RpcServer::NoteMoment() {
+  struct timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC_RAW, &now);  // the clock of TimeUtil::ClockMillis
+  now_us_ = int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
+}
+
+// ---- Accepting
 
 void RpcServer::HandleAccept(std::shared_ptr<TcpServer>, std::shared_ptr<Socket> socket) {
   if (socket == nullptr || !socket->IsValid()) {
@@ -174,32 +254,93 @@ void RpcServer::HandleAccept(std::shared_ptr<TcpServer>, std::shared_ptr<Socket>
     return;
   }
   const int fd = socket->GetNativeSocket();
-  if (options_.max_clients != 0 && clients_.size() >= options_.max_clients) {
-    BSP_LOG_ERROR(MOD_BSP, "refused client %d, pid -1: clients, limit %zu, value %zu", fd,
-                  options_.max_clients, clients_.size() + 1);
-    return;
-  }
+  if (!HasPlace(fd)) return;
   // A frame behind a small one must not wait for the acknowledgement of the small one.
   const int on = 1;
   socket->SetOption(IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 
-  auto agent = std::make_shared<RpcAgent>();
+  const auto agent = std::make_shared<RpcAgent>(++last_number_, budget_.get());
+  const std::weak_ptr<RpcAgent> weak = agent;
   agent->client = std::make_shared<TcpClient>(loop_);
   agent->client->SetDeliverLastBytes(options_.handle_last_frames);
   agent->client->SetSendWhole(true);
-  agent->input = std::make_shared<FrameInput>(recv_buf_, options_.max_frame_bytes);
+  agent->client->SetGatherSends(true);
+  agent->client->SetWriteHook([this, weak] {
+    const AgentPtr written = weak.lock();
+    if (written != nullptr && !written->is_dropped) BookBacklog(written.get());
+  });
+  agent->input = std::make_shared<FrameInput>(std::make_shared<FrameStore>(recv_buf_),
+                                              [this, weak](const RpcHeader& head) {
+                                                const AgentPtr sender = weak.lock();
+                                                if (sender == nullptr)
+                                                  return FrameInput::Decision::kSkip;
+                                                switch (AdmitLarge(sender, head)) {
+                                                  case Admission::kWait:
+                                                    return FrameInput::Decision::kWait;
+                                                  case Admission::kRefuse:
+                                                    return FrameInput::Decision::kSkip;
+                                                  case Admission::kPass:
+                                                    break;
+                                                }
+                                                return FrameInput::Decision::kTake;
+                                              });
   agent->client->SetSink(agent->input);
   agent->client->UpdateSocket(socket);
+  if (!agent->client->IsWatched()) {
+    BSP_LOG_ERROR(MOD_BSP, "refused client %d, pid -1: its socket cannot be watched", fd);
+    return;
+  }
   agent->last_active = static_cast<uint64_t>(TimeUtil::ClockMillis());
+  agent->last_input_ms = EventLoop::NowMs();
+  const size_t limit = options_.max_clients;
+  agent->is_late = limit != 0 && clients_.size() + options_.kept_places >= limit;
   agent->client->SignalError.connect(this, &RpcServer::CliHandleError);
   agent->client->SignalRead.connect(this, &RpcServer::CliHandleMessage);
-  clients_[fd] = std::move(agent);
+  clients_[fd] = agent;
+  agent->account.Set(PeerAccount::kPlace, kPlaceBytes);
 }
+
+bool RpcServer::HasPlace(int fd) {
+  const size_t limit = options_.max_clients;
+  const size_t memory = options_.max_memory_bytes;
+  if (memory != 0 && budget_->used_bytes() + kPlaceBytes > memory) {
+    BSP_LOG_ERROR(MOD_BSP, "refused client %d, pid -1: memory bytes, limit %zu, value %zu", fd,
+                  memory, budget_->used_bytes() + kPlaceBytes);
+    return false;
+  }
+  if (limit == 0 || clients_.size() < limit) return true;
+  const AgentPtr visitor = LongestLateVisitor();
+  if (visitor == nullptr) {
+    BSP_LOG_ERROR(MOD_BSP, "refused client %d, pid -1: clients, limit %zu, value %zu", fd, limit,
+                  clients_.size() + 1);
+    return false;
+  }
+  Drop(visitor, "clients", limit, clients_.size() + 1);
+  CloseDropped();
+  return true;
+}
+
+RpcServer::AgentPtr RpcServer::LongestLateVisitor() const {
+  AgentPtr longest;
+  for (const auto& entry : clients_) {
+    const AgentPtr& agent = entry.second;
+    if (!agent->is_late || agent->calls.asked > 0) continue;
+    if (longest == nullptr || agent->last_input_ms < longest->last_input_ms) longest = agent;
+  }
+  return longest;
+}
+
+// ---- A delivery, cut into frames
 
 void RpcServer::CliHandleMessage(std::shared_ptr<TcpClient> client,
                                  std::shared_ptr<MemoryBuffer> buffer) {
+  AgentPtr agent = AgentOf(client);
+  if (agent != nullptr) {
+    agent->last_input_ms = EventLoop::NowMs();
+    if (agent->is_waiting && !client->IsEnding()) return;
+    agent->is_waiting = false;
+  }
   // Looked up anew for each frame: what one frame brings about may close this connection.
-  std::shared_ptr<RpcAgent> agent;
   do {
     agent = AgentOf(client);
     if (agent == nullptr) {
@@ -207,23 +348,23 @@ void RpcServer::CliHandleMessage(std::shared_ptr<TcpClient> client,
       break;
     }
   } while (!agent->is_dropped && HandleNextFrame(agent, buffer));
+  if (agent != nullptr && !agent->is_dropped) BookInput(agent.get(), *buffer);
   CloseDropped();
 }
 
-std::shared_ptr<RpcServer::RpcAgent> RpcServer::AgentOf(
-    const std::shared_ptr<TcpClient>& client) const {
+RpcServer::AgentPtr RpcServer::AgentOf(const std::shared_ptr<TcpClient>& client) const {
   const auto found = clients_.find(client->GetNativeSocket());
-  return found != clients_.end() ? found->second : nullptr;
+  if (found == clients_.end() || found->second->client != client) return nullptr;
+  return found->second;
 }
 
-// False when there is nothing more to take.
-bool RpcServer::HandleNextFrame(const std::shared_ptr<RpcAgent>& agent,
+bool RpcServer::HandleNextFrame(const AgentPtr& agent,
                                 const std::shared_ptr<MemoryBuffer>& buffer) {
   RpcHeader head;
-  bool is_taken = false;
-  const RpcFrameState state = agent->input->Take(buffer, &head, &is_taken);
-  if (state != RpcFrameState::kComplete && state != RpcFrameState::kIncomplete) {
-    HandleRest(agent, buffer, state, head);
+  const RpcFrameState state = agent->input->Look(buffer, &head);
+  if (state == RpcFrameState::kNoHead) return false;
+  if (state == RpcFrameState::kWrongMagic || state == RpcFrameState::kBadSize) {
+    HandleNoFrame(agent, *buffer, state == RpcFrameState::kWrongMagic, head);
     return false;
   }
   const auto size = static_cast<size_t>(head.size);
@@ -233,85 +374,118 @@ bool RpcServer::HandleNextFrame(const std::shared_ptr<RpcAgent>& agent,
     return false;
   }
   if (state == RpcFrameState::kIncomplete) return false;
-  if (!is_taken) {
-    Drop(agent, "frame bytes, no memory", 0, size);
-    return false;
+  if (stuck_count_ > 0) BookInput(agent.get(), *buffer);
+  if (agent->is_dropped) return false;
+  Admission admission = Admit(agent, head);
+  if (admission == Admission::kWait) return false;
+  agent->wait_began_ms = 0;
+  Frame frame;
+  if (admission == Admission::kPass) {
+    frame = agent->input->Take(buffer, head);
+    if (!frame) admission = Admission::kRefuse;  // no memory
+  }
+  if (admission == Admission::kRefuse) {
+    agent->input->Discard(buffer, head);
+    Refuse(agent, head);
+    return true;
   }
   BSP_LOG_DEBUG(MOD_BSP, "package size: %d", head.size);
   BSP_LOG_DEBUG(MOD_BSP, "read package size: %d", head.size);
-  if (housekeeping_ != nullptr) housekeeping_->NoteBytes(size);
-  agent->last_active = static_cast<uint64_t>(TimeUtil::ClockMillis());
-  HandleFrame(agent, recv_buf_->data(), size);
+  bytes_since_tick_ += size;
+  if (bytes_since_tick_ > kCalmBytes && options_.release_memory) {
+    is_release_due_ = true;
+    NoteTick();
+  }
+  NoteMoment();
+  agent->last_active = static_cast<uint64_t>(now_us_ / 1000);
+  HandleFrame(agent, frame);
   return true;
 }
 
-// What is left when no frame stands in front: less than a head, or bytes that are none.
-void RpcServer::HandleRest(const std::shared_ptr<RpcAgent>& agent,
-                           const std::shared_ptr<MemoryBuffer>& buffer, RpcFrameState state,
-                           const RpcHeader& head) {
-  if (state == RpcFrameState::kWrongMagic) {
+// What is left when no frame stands in front: bytes that are none.
+void RpcServer::HandleNoFrame(const AgentPtr& agent, const MemoryBuffer& buffer,
+                              bool is_wrong_magic, const RpcHeader& head) {
+  if (is_wrong_magic) {
     BSP_LOG_ERROR(MOD_BSP, "buffer is error %s", agent->client->GetAddress().ToString().c_str());
     const size_t limit = options_.max_unread_bytes;
-    if (limit != 0 && buffer->size() > limit) Drop(agent, "unread bytes", limit, buffer->size());
-  } else if (state == RpcFrameState::kBadSize) {
-    BSP_LOG_ERROR(MOD_BSP, "frame size %d is below %zu, closing client %d, pid %d", head.size,
-                  sizeof head, agent->GetNativeSocket(), agent->pid);
-    CliClose(agent->client);
+    if (limit != 0 && buffer.size() > limit) Drop(agent, "unread bytes", limit, buffer.size());
+    return;
   }
+  BSP_LOG_ERROR(MOD_BSP, "frame size %d is below %zu, closing client %d, pid %d", head.size,
+                kHeadSize, agent->GetNativeSocket(), agent->pid);
+  CliClose(agent->client);
 }
 
-void RpcServer::HandleFrame(const std::shared_ptr<RpcAgent>& agent, char* frame, size_t size) {
-  const auto* head = reinterpret_cast<const RpcHeader*>(frame);
-  BSP_LOG_DEBUG(MOD_BSP, "type=%d, cmd=%s", head->type, NameOf(head->cmd).c_str());
+void RpcServer::HandleFrame(const AgentPtr& agent, const Frame& frame) {
+  const RpcHeader* const head = frame.head;
+  const auto size = static_cast<unsigned int>(frame.size);
+  BSP_LOG_DEBUG(MOD_BSP, "type=%d, cmd=%.*s", head->type, LengthOf(head->cmd), head->cmd);
   switch (head->type) {
     case RPC_TYPE_REQUEST:
-      HandleRequest(agent, frame, size);
+      HandleRequest(agent, frame);
       return;
     case RPC_TYPE_REPLAY:
-      ReplayRequest(agent, frame, static_cast<unsigned int>(size));
+      ReplayRequest(agent, reinterpret_cast<char*>(frame.head), size);
       BSP_LOG_DEBUG(MOD_BSP, "replay request, seq: %d, cli_hdl: %lld", static_cast<int>(head->seq),
                     static_cast<long long>(head->cli_hdl));
       return;
     case RPC_TYPE_LISTEN: {
       const int code = CodeOf(Listen(agent, head));
       ServerReplay(agent, head, code);
-      BSP_LOG_DEBUG(MOD_BSP, "listen cmd %s error, err_code: %d", name_.c_str(), code);
+      BSP_LOG_DEBUG(MOD_BSP, "listen cmd %.*s error, err_code: %d", LengthOf(head->cmd), head->cmd,
+                    code);
       return;
     }
     case RPC_TYPE_CHECK_POWER: {
       const int code = CodeOf(CheckCmdPower(agent, head));
       if (code != 0) ServerReplay(agent, head, code);
-      BSP_LOG_DEBUG(MOD_BSP, "get cmd list %s error, err_code: %d", name_.c_str(), code);
+      BSP_LOG_DEBUG(MOD_BSP, "get cmd list %.*s error, err_code: %d", LengthOf(head->cmd),
+                    head->cmd, code);
       return;
     }
     case RPC_TYPE_MESSAGE:
-      HandleDirectMessage(agent, frame, size);
+      HandleDirectMessage(agent, frame);
       return;
     default:
       BSP_LOG_ERROR(MOD_BSP, "unknown type %d", head->type);
   }
 }
 
-// A command of kind MESSAGE, or none at all, is answered here; a REQUEST command by its listener.
-void RpcServer::HandleRequest(const std::shared_ptr<RpcAgent>& agent, char* frame, size_t size) {
-  const auto* head = reinterpret_cast<const RpcHeader*>(frame);
+// A command of kind MESSAGE, or none at all, is answered here; a REQUEST command by its listener,
+// unless the frame did not get there.
+void RpcServer::HandleRequest(const AgentPtr& agent, const Frame& frame) {
+  const RpcHeader* const head = frame.head;
   BSP_LOG_DEBUG(MOD_BSP, "forward request, seq: %d, cli_hdl: %lld", static_cast<int>(head->seq),
                 static_cast<long long>(head->cli_hdl));
   int kind = RPC_TYPE_MESSAGE;
-  const int code = CodeOf(ForwardMessage(agent, frame, static_cast<unsigned int>(size), kind));
-  if (kind != RPC_TYPE_MESSAGE) return;
+  const int code = CodeOf(ForwardMessage(agent, reinterpret_cast<char*>(frame.head),
+                                         static_cast<unsigned int>(frame.size), kind));
+  if (kind != RPC_TYPE_MESSAGE && code == 0) return;
   ServerReplay(agent, head, code);
   BSP_LOG_DEBUG(MOD_BSP, "forward message, err_code: %d", code);
 }
 
-void RpcServer::HandleDirectMessage(const std::shared_ptr<RpcAgent>& agent, char* frame,
-                                    size_t size) {
-  BSP_LOG_DEBUG(MOD_BSP, "forward message directly, cmd: %s", name_.c_str());
+void RpcServer::HandleDirectMessage(const AgentPtr& agent, const Frame& frame) {
+  BSP_LOG_DEBUG(MOD_BSP, "forward message directly, cmd: %.*s", LengthOf(frame.head->cmd),
+                frame.head->cmd);
   int kind = RPC_TYPE_MESSAGE;
-  const auto error = ForwardMessage(agent, frame, static_cast<unsigned int>(size), kind);
-  if (error == kOk) return;
-  BSP_LOG_ERROR(MOD_BSP, "forward message error, cmd: %s, err: %s", name_.c_str(),
+  const auto error = ForwardMessage(agent, reinterpret_cast<char*>(frame.head),
+                                    static_cast<unsigned int>(frame.size), kind);
+  if (error == kOk || error->ErrorCode() == RPC_ERR_BUSY) return;  // counted, and told by Tick
+  BSP_LOG_ERROR(MOD_BSP, "forward message error, cmd: %s, err: %s", NameOf(frame.head->cmd).c_str(),
                 error->Message().c_str());
+}
+
+void RpcServer::BookInput(RpcAgent* agent, const MemoryBuffer& buffer) {
+  const size_t large = agent->input->LargeBytes();
+  const bool is_freed = large < agent->account.held_bytes(PeerAccount::kLarge);
+  agent->account.Set(PeerAccount::kInput, buffer.size());
+  agent->account.Set(PeerAccount::kLarge, large);
+  if (is_freed && !waiting_.empty()) NoteRetry(0);
+  const size_t limit = options_.max_memory_bytes;
+  if (limit != 0 && buffer.size() > 0 && budget_->used_bytes() > limit && !agent->is_waiting) {
+    Drop(agent->shared_from_this(), "memory bytes", limit, budget_->used_bytes());
+  }
 }
 
 void RpcServer::CliHandleError(std::shared_ptr<TcpClient> client, std::shared_ptr<MSError>) {
@@ -333,29 +507,404 @@ void RpcServer::CliClose(const std::shared_ptr<TcpClient>& client) {
     return;
   }
   // Keeps the agent, and with it the descriptor, until the tables have forgotten it.
-  const std::shared_ptr<RpcAgent> agent = found->second;
-  for (const auto& listened : agent->cmds) {
-    const auto entry = cmds_.find(listened.first);
-    if (entry == cmds_.end()) continue;
-    entry->second.clients.remove(agent);
-    if (entry->second.clients.empty()) cmds_.erase(entry);
-  }
+  const AgentPtr agent = found->second;
+  agent->is_dropped = true;
+  ForgetCalls(agent.get());
+  cmds_->Remove(agent);
   clients_.erase(found);
+  if (agent->backlog.IsStuck()) --stuck_count_;
+  agent->account.Set(PeerAccount::kCommands, 0);
+  agent->account.Close();
+  if (!waiting_.empty()) NoteRetry(0);
 }
 
-void RpcServer::SendTo(const std::shared_ptr<RpcAgent>& agent, const char* data, size_t size) {
-  if (agent->is_dropped) return;
-  agent->client->SendDeferred(data, size);
+// ---- Who has to wait, and who is refused
+
+// What a waiting sender has sent so far lies here: it waits only within its share of the budget.
+bool RpcServer::MayWait(const RpcAgent& agent) const {
+  if (options_.patience_ms == 0 || agent.client->IsEnding() || !agent.account.Admits(0))
+    return false;
+  return agent.wait_began_ms == 0 ||
+         EventLoop::NowMs() - agent.wait_began_ms < options_.patience_ms;
+}
+
+RpcServer::Admission RpcServer::AdmitTo(const RpcAgent& destination, const RpcAgent& sender,
+                                        size_t size) const {
+  const Backlog& backlog = destination.backlog;
+  if (!backlog.IsStuck()) return Admission::kPass;
+  const int64_t now_ms = EventLoop::NowMs();
   const size_t limit = options_.max_backlog_bytes;
-  if (limit == 0) return;
-  const size_t backlog = agent->client->SendBacklog();
-  if (backlog > limit) Drop(agent, "backlog bytes", limit, backlog);
+  auto verdict = Backlog::Verdict::kPass;
+  if (limit != 0) verdict = backlog.Judge(sender.number, size, limit, now_ms);
+  if (verdict == Backlog::Verdict::kRefuse) return Admission::kRefuse;
+  if (verdict == Backlog::Verdict::kPass && destination.account.Admits(size)) {
+    return Admission::kPass;
+  }
+  return backlog.IsMute(now_ms) ? Admission::kRefuse : Admission::kWait;
 }
 
-void RpcServer::Drop(const std::shared_ptr<RpcAgent>& agent, const char* what, size_t limit,
-                     size_t value) {
+// Whether the complete frame with this head goes on. A message to several listeners waits for one
+// that reads, and is dropped one by one for those that do not.
+RpcServer::Admission RpcServer::Admit(const AgentPtr& agent, const RpcHeader& head) {
+  if (stuck_count_ == 0) return Admission::kPass;
+  const auto size = static_cast<size_t>(head.size);
+  if (head.type == RPC_TYPE_REPLAY) {
+    const auto requester = clients_.find(static_cast<int>(head.cli_hdl));
+    if (requester == clients_.end()) return Admission::kPass;
+    return WaitOrRefuse(agent, requester->second, AdmitTo(*requester->second, *agent, size));
+  }
+  if (head.type != RPC_TYPE_REQUEST && head.type != RPC_TYPE_MESSAGE) return Admission::kPass;
+  const Cmd2Cli* const command = cmds_->Find(RpcCmdText(head.cmd));
+  if (command == nullptr) return Admission::kPass;
+  for (const AgentPtr& listener : command->clients) {
+    const Admission admission = WaitOrRefuse(agent, listener, AdmitTo(*listener, *agent, size));
+    if (admission == Admission::kWait) return Admission::kWait;
+    if (admission == Admission::kRefuse && command->type == RPC_TYPE_REQUEST) return admission;
+  }
+  return Admission::kPass;
+}
+
+// Whether a frame of 32 KiB or more, of which the head has come, is received.
+RpcServer::Admission RpcServer::AdmitLarge(const AgentPtr& agent, const RpcHeader& head) {
+  const auto size = static_cast<size_t>(head.size);
+  if (options_.max_frame_bytes != 0 && size > options_.max_frame_bytes) {
+    return Admission::kWait;  // HandleNextFrame drops the sender
+  }
+  Admission admission = Admission::kPass;
+  if (!agent->account.Grow(PeerAccount::kLarge, size)) {
+    GiveUpStandingStill();
+    if (!agent->account.Grow(PeerAccount::kLarge, size)) admission = Admission::kWait;
+  }
+  admission = WaitOrRefuse(agent, nullptr, admission);
+  if (admission == Admission::kWait) return admission;
+  agent->wait_began_ms = 0;
+  if (admission == Admission::kRefuse) Refuse(agent, head);
+  return admission;
+}
+
+// `destination`: for whom; null for memory.
+RpcServer::Admission RpcServer::WaitOrRefuse(const AgentPtr& agent, const AgentPtr& destination,
+                                             Admission admission) {
+  if (admission != Admission::kWait) return admission;
+  if (!MayWait(*agent)) return Admission::kRefuse;
+  if (agent->wait_began_ms == 0) agent->wait_began_ms = EventLoop::NowMs();
+  agent->is_waiting = true;
+  agent->waits_for = destination;
+  agent->client->PauseReading();
+  waiting_.push_back(agent);
+  NoteRetry(kRetryMs);
+  return Admission::kWait;
+}
+
+void RpcServer::NoteRetry(int64_t delay_ms) {
+  if (retry_ != 0 && delay_ms > 0) return;
+  if (retry_ != 0) loop_->CancelCall(retry_);
+  retry_ =
+      loop_->CallAt(delay_ms > 0 ? EventLoop::NowMs() + delay_ms : 0, [this] { RetryWaiting(); });
+}
+
+// Each looks at its frame in front again, in the order in which they began to wait.
+void RpcServer::RetryWaiting() {
+  retry_ = 0;
+  const int64_t now_ms = EventLoop::NowMs();
+  std::vector<AgentPtr> retrying;
+  retrying.swap(waiting_);
+  for (const AgentPtr& agent : retrying) {
+    if (agent->is_dropped || !agent->is_waiting) continue;
+    agent->is_waiting = false;
+    const AgentPtr destination = agent->waits_for.lock();
+    if (destination != nullptr && now_ms - agent->wait_began_ms >= options_.patience_ms) {
+      destination->backlog.GiveUpWaiting();
+    }
+    agent->client->ResumeReading();
+  }
+}
+
+void RpcServer::Refuse(const AgentPtr& agent, const RpcHeader& head) {
+  last_refused_ = head;
+  last_refused_fd_ = agent->GetNativeSocket();
+  NoteTick();
+  if (head.type == RPC_TYPE_REPLAY) {
+    const auto requester = clients_.find(static_cast<int>(head.cli_hdl));
+    if (requester == clients_.end()) return;
+    ++totals_.dropped_replies;
+    const AgentPtr waiting = requester->second;
+    if (EndCall(*agent, waiting.get(), head)) ServerReplay(waiting, &head, RPC_ERR_BUSY);
+    return;
+  }
+  Cmd2Cli* const command = cmds_->Find(RpcCmdText(head.cmd));
+  if (command != nullptr) ++command->Counts().refused;
+  if (head.type == RPC_TYPE_REQUEST) {
+    ++totals_.refused_requests;
+    ServerReplay(agent, &head, RPC_ERR_BUSY);
+  } else {
+    ++totals_.dropped_messages;
+  }
+}
+
+// Large frames under way of which nothing comes any more give their memory to others.
+void RpcServer::GiveUpStandingStill() {
+  const int64_t now_ms = EventLoop::NowMs();
+  for (const auto& entry : clients_) {
+    const AgentPtr& agent = entry.second;
+    const RpcHeader* const head = agent->input->UnderWay();
+    if (head == nullptr || now_ms - agent->last_input_ms < kStandStillMs) continue;
+    Refuse(agent, *head);
+    agent->input->GiveUp();
+    agent->account.Set(PeerAccount::kLarge, 0);
+  }
+}
+
+// ---- The protocol's operations
+
+std::shared_ptr<MSError> RpcServer::Listen(const AgentPtr& agent, const RpcHeader* head) {
+  const RpcListenRecord* record = RecordOf(head);
+  if (record == nullptr) return RefuseShort(head);
+  const std::string name = NameOf(record->cmd);
+  if (agent->cmds.count(name) != 0) {
+    BSP_LOG_WARN(MOD_BSP, "cmd %s already listen", name.c_str());
+    return kOk;
+  }
+  const size_t limit = options_.max_commands;
+  if (limit != 0 && agent->cmds.size() >= limit) {
+    BSP_LOG_ERROR(MOD_BSP, "refused cmd %s of client %d, pid %d: commands, limit %zu, value %zu",
+                  name.c_str(), agent->GetNativeSocket(), head->pid, limit, agent->cmds.size() + 1);
+    return Busy("commands of one client");
+  }
+  if (agent->is_late) {
+    BSP_LOG_ERROR(MOD_BSP, "refused cmd %s of client %d, pid %d: clients, limit %zu, value %zu",
+                  name.c_str(), agent->GetNativeSocket(), head->pid,
+                  options_.max_clients - options_.kept_places, clients_.size());
+    return Busy("the last places are for short visits");
+  }
+  if (cmds_->IsTaken(name, record->type)) {
+    CleanStaleClients(name);
+    if (cmds_->IsTaken(name, record->type)) {
+      BSP_LOG_ERROR(MOD_BSP, "cmd %s type is REQUEST, can't listen more than one client",
+                    name.c_str());
+      return BSP_NEW_ERROR(
+          RPC_ERR_TAKEN, "cmd %s is REQUEST type, can't listen more than one client", name.c_str());
+    }
+  }
+  if (!agent->account.Admits(kCommandBytes)) return Busy("memory");
+  cmds_->Add(name, record->type, record->power, agent);
+  agent->account.Set(PeerAccount::kCommands, agent->cmds.size() * kCommandBytes);
+  agent->pid = head->pid;
+  return kOk;
+}
+
+std::shared_ptr<MSError> RpcServer::CheckCmdPower(const AgentPtr& agent, const RpcHeader* head) {
+  const RpcListenRecord* record = RecordOf(head);
+  if (record == nullptr) return RefuseShort(head);
+  const Cmd2Cli* const command = cmds_->Find(RpcCmdText(record->cmd));
+  if (command == nullptr) {
+    return BSP_NEW_ERROR(RPC_ERR_NOT_FOUND, "cmd %s not found", NameOf(record->cmd).c_str());
+  }
+  struct {
+    RpcHeader head;
+    RpcListenRecord record;
+  } reply = {};
+  static_assert(sizeof reply == kRecordFrameSize, "no padding between head and record");
+  reply.head = *head;
+  reply.head.err_code = 0;
+  memcpy(reply.record.cmd, command->cmd.data(), std::min(command->cmd.size(), size_t{63}));
+  reply.record.type = command->type;
+  reply.record.power = command->power;
+  BSP_LOG_ERROR(MOD_BSP, "cmd %s, type %d, power %d.", reply.record.cmd, command->type,
+                command->power);
+  return ServerReplay(agent, reinterpret_cast<char*>(&reply), static_cast<int>(sizeof reply));
+}
+
+std::shared_ptr<MSError> RpcServer::ForwardMessage(const AgentPtr& agent, char* frame,
+                                                   unsigned int size, int& kind) {
+  auto* const head = reinterpret_cast<RpcHeader*>(frame);
+  Cmd2Cli* const command = cmds_->Find(RpcCmdText(head->cmd));
+  if (command == nullptr) {
+    const std::string name = NameOf(head->cmd);
+    BSP_LOG_ERROR(MOD_BSP, "cmd %s not found", name.c_str());
+    return BSP_NEW_ERROR(RPC_ERR_NOT_FOUND, "cmd %s not found", name.c_str());
+  }
+  kind = command->type;
+  const bool is_request = head->type == RPC_TYPE_REQUEST;
+  head->type = kind;
+  head->cli_hdl = agent->GetNativeSocket();
+  for (const AgentPtr& listener : command->clients) {
+    // A process never gets its own commands, on whichever of its connections.
+    if (listener == agent || listener->pid == agent->pid) continue;
+    if (kind == RPC_TYPE_REQUEST) return ForwardCall(agent, listener, command, *head, is_request);
+    const bool is_sent = SendTo(listener.get(), *agent, frame, size);
+    if (options_.track_calls && is_sent) ++command->Counts().messages;
+    if (!is_sent) Refuse(agent, *head);
+  }
+  return kOk;
+}
+
+std::shared_ptr<MSError> RpcServer::ForwardCall(const AgentPtr& agent, const AgentPtr& listener,
+                                                Cmd2Cli* command, const RpcHeader& head,
+                                                bool is_request) {
+  const auto* const frame = reinterpret_cast<const char*>(&head);
+  bool is_sent = BeginCall(agent.get(), listener.get(), command, head, is_request);
+  if (is_sent && !SendTo(listener.get(), *agent, frame, static_cast<size_t>(head.size))) {
+    EndCall(*listener, agent.get(), head);
+    is_sent = false;
+  }
+  if (is_sent) return kOk;
+  last_refused_ = head;
+  last_refused_fd_ = agent->GetNativeSocket();
+  NoteTick();
+  ++command->Counts().refused;
+  ++(is_request ? totals_.refused_requests : totals_.dropped_messages);
+  return Busy("calls in flight, or the listener's backlog");
+}
+
+std::shared_ptr<MSError> RpcServer::ReplayRequest(const AgentPtr& agent, char* frame,
+                                                  unsigned int size) {
+  const auto* const head = reinterpret_cast<const RpcHeader*>(frame);
+  BSP_LOG_DEBUG(MOD_BSP, "replay request, seq: %d, cli_hdl: %lld", static_cast<int>(head->seq),
+                static_cast<long long>(head->cli_hdl));
+  const auto requester = static_cast<int>(head->cli_hdl);
+  const auto found = clients_.find(requester);
+  if (found == clients_.end()) {
+    BSP_LOG_ERROR(MOD_BSP, "req_cli_hdl %d not found", requester);
+    return BSP_NEW_ERROR(-1, "req_cli_hdl %d not found", requester);
+  }
+  const AgentPtr destination = found->second;
+  if (!EndCall(*agent, destination.get(), *head)) {
+    ++totals_.stray_replies;
+    return BSP_NEW_ERROR(-1, "req_cli_hdl %d has no such call", requester);
+  }
+  if (SendTo(destination.get(), *agent, frame, size)) return kOk;
+  ++totals_.dropped_replies;
+  NoteTick();
+  return ServerReplay(destination, head, RPC_ERR_BUSY);
+}
+
+std::shared_ptr<MSError> RpcServer::ServerReplay(const AgentPtr& agent, const RpcHeader* head,
+                                                 int code) {
+  RpcHeader reply = *head;
+  reply.err_code = code;
+  return ServerReplay(agent, reinterpret_cast<char*>(&reply), static_cast<int>(kHeadSize));
+}
+
+std::shared_ptr<MSError> RpcServer::ServerReplay(const AgentPtr& agent, char* buffer,
+                                                 int data_size) {
+  if (data_size == 0) {
+    BSP_LOG_ERROR(MOD_BSP, "ServerReplay: data_size is 0");
+    return BSP_NEW_ERROR(-1, "ServerReplay: data_size is 0");
+  }
+  auto* const head = reinterpret_cast<RpcHeader*>(buffer);
+  head->magic = RPC_MAGIC;
+  head->type = RPC_TYPE_REPLAY;
+  head->size = data_size;
+  if (!SendTo(agent.get(), *agent, buffer, static_cast<size_t>(data_size))) {
+    ++totals_.dropped_replies;
+    NoteTick();
+  }
+  return kOk;
+}
+
+// The dead among the listeners of one command are closed with all their commands. The walk and the
+// closing are two steps, because CliClose changes the list that is walked.
+void RpcServer::CleanStaleClients(const std::string& cmd) {
+  const Cmd2Cli* const command = cmds_->Find(cmd);
+  if (command == nullptr) return;
+  std::list<std::shared_ptr<TcpClient>> stale;
+  for (const AgentPtr& agent : command->clients) {
+    if (agent->client != nullptr && agent->IsStale(cmd)) stale.push_back(agent->client);
+  }
+  for (const std::shared_ptr<TcpClient>& client : stale) CliClose(client);
+}
+
+// ---- Calls in flight
+
+bool RpcServer::BeginCall(RpcAgent* agent, RpcAgent* listener, Cmd2Cli* command,
+                          const RpcHeader& head, bool is_request) {
+  if (!options_.track_calls) return true;
+  const size_t limit = options_.max_calls;
+  if (limit != 0 && agent->calls.asked >= limit) {
+    const CallTable::Call oldest = *calls_->Oldest(&agent->calls);
+    if (now_us_ - oldest.begin_us < kForgetUs) return false;
+    RpcHeader forgotten = {};
+    forgotten.seq = oldest.seq;
+    EndCall(*oldest.listener->agent, agent, forgotten);
+  }
+  if (!agent->account.Grow(PeerAccount::kCalls, CallTable::kEntryBytes)) return false;
+  CallTable::Call call;
+  call.requester = &agent->calls;
+  call.listener = &listener->calls;
+  call.command = command;
+  call.begin_us = now_us_;
+  call.timestamp = head.timestamp;
+  call.seq = head.seq;
+  call.pid = head.pid;
+  call.wants_answer = is_request;
+  calls_->Begin(call);
+  command->Counts().NoteCall(now_us_);
+  return true;
+}
+
+// True when the listener may answer this call, which is over then.
+bool RpcServer::EndCall(const RpcAgent& listener, RpcAgent* requester, const RpcHeader& head) {
+  if (!options_.track_calls) return true;
+  CallTable::Call call;
+  if (!calls_->End(&requester->calls, head.seq, &listener.calls, &call)) return false;
+  requester->account.Shrink(PeerAccount::kCalls, CallTable::kEntryBytes);
+  if (head.type == RPC_TYPE_REPLAY) {
+    call.command->Counts().NoteAnswer(now_us_ - call.begin_us, head.err_code == 0);
+  }
+  return true;
+}
+
+void RpcServer::ForgetCalls(RpcAgent* agent) {
+  calls_->Remove(&agent->calls, [&](const CallTable::Call& call) {
+    RpcAgent* const requester = call.requester->agent;
+    requester->account.Shrink(PeerAccount::kCalls, CallTable::kEntryBytes);
+    if (requester == agent) return;
+    ++totals_.lost_calls;
+    ++call.command->Counts().lost;
+    if (!call.wants_answer) return;
+    RpcHeader head = {};
+    head.seq = call.seq;
+    head.pid = call.pid;
+    head.cli_hdl = requester->GetNativeSocket();
+    head.timestamp = call.timestamp;
+    SetRpcCmd(head.cmd, call.command->cmd.c_str());
+    ServerReplay(requester->shared_from_this(), &head, RPC_ERR_LISTENER_GONE);
+  });
+}
+
+// ---- The one way out for bytes
+
+bool RpcServer::SendTo(RpcAgent* destination, const RpcAgent& sender, const char* data,
+                       size_t size) {
+  if (destination->is_dropped) return true;  // lost, as everything to one that goes
+  const bool is_stuck = destination->backlog.IsStuck();
+  if (is_stuck && AdmitTo(*destination, sender, size) != Admission::kPass) return false;
+  destination->client->Send(data, size);
+  if (is_stuck) destination->backlog.Add(sender.number, size);
+  if (is_stuck || size > kGatheredMost) BookBacklog(destination);
+  return true;
+}
+
+void RpcServer::BookBacklog(RpcAgent* agent) {
+  const bool was_stuck = agent->backlog.IsStuck();
+  const size_t waiting = agent->client->SendBacklog();
+  if (!was_stuck && waiting == 0) return;
+  agent->backlog.Update(waiting, agent->client->SentBytes(), EventLoop::NowMs());
+  agent->account.Set(PeerAccount::kBacklog, waiting);
+  if (was_stuck && waiting == 0) --stuck_count_;
+  if (!was_stuck) {
+    ++stuck_count_;
+    NoteTick();
+  }
+  // Not at each byte: who waits needs room for a frame.
+  if (!waiting_.empty() && waiting <= options_.max_backlog_bytes / 2) NoteRetry(0);
+}
+
+void RpcServer::Drop(const AgentPtr& agent, const char* what, size_t limit, size_t value) {
   BSP_LOG_ERROR(MOD_BSP, "dropped client %d, pid %d: %s, limit %zu, value %zu",
                 agent->GetNativeSocket(), agent->pid, what, limit, value);
+  ++totals_.dropped_clients;
   agent->is_dropped = true;
   dropped_.push_back(agent);
 }
@@ -365,9 +914,58 @@ void RpcServer::CloseDropped() {
   dropped_.clear();
 }
 
-const std::string& RpcServer::NameOf(const char (&cmd)[64]) {
-  name_ = RpcCmdText(cmd);
-  return name_;
+// ---- Once a second, as long as there is a reason
+
+void RpcServer::NoteTick() {
+  if (tick_ == 0) tick_ = loop_->CallAt(EventLoop::NowMs() + kTickMs, [this] { Tick(); });
+}
+
+void RpcServer::Tick() {
+  tick_ = 0;
+  DropStalled();
+  TellRefused();
+  ReleaseMemory();
+  if (options_.on_tick) options_.on_tick();
+  if (options_.on_tick || stuck_count_ > 0 || is_release_due_) NoteTick();
+}
+
+void RpcServer::DropStalled() {
+  const int limit_s = options_.stall_timeout_s;
+  if (stuck_count_ == 0 || limit_s == 0) return;
+  const int64_t now_ms = EventLoop::NowMs();
+  for (const auto& entry : clients_) {
+    const int64_t stalled_s = entry.second->backlog.StalledMs(now_ms) / 1000;
+    if (stalled_s < limit_s || entry.second->is_dropped) continue;
+    Drop(entry.second, "seconds without a byte taken", static_cast<size_t>(limit_s),
+         static_cast<size_t>(stalled_s));
+  }
+  CloseDropped();
+}
+
+void RpcServer::TellRefused() {
+  const auto requests = totals_.refused_requests - told_.refused_requests;
+  const auto messages = totals_.dropped_messages - told_.dropped_messages;
+  const auto replies = totals_.dropped_replies - told_.dropped_replies;
+  if (requests + messages + replies == 0) return;
+  told_ = totals_;
+  const auto sender = clients_.find(last_refused_fd_);
+  BSP_LOG_WARN(MOD_BSP,
+               "refused %llu requests, dropped %llu messages and %llu replies in the last second, "
+               "the last of %d bytes for cmd %s from client %d, pid %d",
+               static_cast<unsigned long long>(requests), static_cast<unsigned long long>(messages),
+               static_cast<unsigned long long>(replies), last_refused_.size,
+               NameOf(last_refused_.cmd).c_str(), last_refused_fd_,
+               sender != clients_.end() ? sender->second->pid : -1);
+}
+
+void RpcServer::ReleaseMemory() {
+  const bool is_calm = bytes_since_tick_ <= kCalmBytes;
+  bytes_since_tick_ = 0;
+  if (!is_release_due_ || !is_calm) return;
+  is_release_due_ = false;
+  recv_buf_->Release();
+  calls_->Shrink();
+  malloc_trim(0);
 }
 
 }  // namespace bsp
