@@ -163,14 +163,14 @@ char* FrameInput::Room(const std::shared_ptr<MemoryBuffer>& buffer, size_t* room
     if (state != RpcFrameState::kIncomplete) return nullptr;
     const auto size = static_cast<size_t>(large_head_.size);
     if (size < kLargeFrame) return nullptr;
-    switch (decide_ ? decide_(large_head_) : Decision::kTake) {
-      case Decision::kWait:
+    switch (decide_ ? decide_(large_head_) : Admission::kPass) {
+      case Admission::kWait:
         *room = 0;
         return nullptr;
-      case Decision::kSkip:
+      case Admission::kRefuse:
         Skip(buffer, size);
         break;
-      case Decision::kTake:
+      case Admission::kPass:
         if (!StartLarge(buffer)) return nullptr;
     }
   }

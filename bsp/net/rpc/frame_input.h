@@ -13,6 +13,13 @@
 
 namespace bsp {
 
+// What becomes of a frame before it is taken.
+enum class Admission {
+  kPass,
+  kWait,   // it stays where it is, and nothing more is read
+  kRefuse  // it is thrown away
+};
+
 // A whole frame where it lies; nobody owns it, and the next one may take its place.
 struct Frame {
   RpcHeader* head = nullptr;
@@ -98,13 +105,9 @@ class ReplyStore : public FrameStore {
 // twice more. It is handed out in its turn, since nothing is received behind it until then.
 class FrameInput : public ByteSink {
  public:
-  // What becomes of a large frame whose head has come.
-  enum class Decision {
-    kTake,
-    kSkip,  // its bytes are received and thrown away
-    kWait   // nothing is read; asked again at the next read
-  };
-  using Decide = std::function<Decision(const RpcHeader& head)>;
+  // Decides about a large frame when its head has come, and again at each read while it waits. The
+  // bytes of a refused one are received and thrown away.
+  using Decide = std::function<Admission(const RpcHeader& head)>;
 
   // Without `decide` every frame is taken.
   explicit FrameInput(std::shared_ptr<FrameStore> store, Decide decide = nullptr);

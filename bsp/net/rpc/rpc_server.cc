@@ -7,16 +7,10 @@
 // when the loop is done with the events at hand. A destination gets its bytes in the order in which
 // they were handled all the same.
 //
-// Who pays when somebody is slow. Bytes that a socket does not take wait in its TcpClient; Backlog
-// knows from whom, PeerAccount what it costs. A frame that is within the limits passes. Above them,
-// while the destination reads, its sender waits: the frame stays where it is, nothing more is read
-// from that sender, and its own socket fills up. That lasts until the backlog has gone down, or
-// patience_ms; then, and at once for a destination that takes no byte, the frame is refused, never
-// the peer: a request is answered with RPC_ERR_BUSY, the rest is counted. The same for a large
-// frame without room in the budget. A peer is dropped for what it does itself alone: garbage,
-// frames that are too large, or a socket that takes nothing for stall_timeout_s.
-//
-// With limits off none of this costs more than a look at a counter (stuck_count_).
+// Who pays when somebody is slow is FlowControl's matter, by what Backlog and the accounts know.
+// Here a frame is refused, never the peer: a request is answered with RPC_ERR_BUSY, the rest is
+// counted and told once a second. A peer is dropped for what it does itself alone: garbage, frames
+// that are too large, or a socket that takes nothing for stall_timeout_s.
 //
 // A connection may be closed by what is handled on another one (a takeover, a lack of places), and
 // by its own frames (a limit). The tables change only in CliClose; whoever is dropped in the midst
@@ -45,6 +39,7 @@
 #include "bsp/net/event_loop.h"
 #include "bsp/net/rpc/call_table.h"
 #include "bsp/net/rpc/command_table.h"
+#include "bsp/net/rpc/flow_control.h"
 #include "bsp/net/rpc/rpc_agent.h"
 #include "bsp/net/tcp_client.h"
 #include "bsp/net/tcp_server.h"
@@ -64,10 +59,8 @@ constexpr size_t kPlaceBytes = 4096;
 constexpr size_t kCommandBytes = 768;
 
 constexpr int64_t kTickMs = 1000;
-constexpr int64_t kRetryMs = 100;        // between looks at who waits, when nothing else brings one
 constexpr int64_t kStandStillMs = 1000;  // a large frame without a byte for so long gives way
 constexpr int64_t kForgetUs = 10000000;  // a call without an answer for so long, when they are many
-constexpr size_t kGatheredMost = 16384;  // above it TcpClient sends at once
 // Bytes handled in one second: less cannot have grown the process by more than that.
 constexpr size_t kCalmBytes = size_t{256} * 1024;
 
@@ -106,7 +99,12 @@ RpcServer::RpcServer(const Options& options)
       budget_(std::make_unique<Budget>(options.max_memory_bytes)),
       recv_buf_(std::make_shared<FrameMemory>()),
       cmds_(std::make_unique<CommandTable>()),
-      calls_(std::make_unique<CallTable>()) {}
+      calls_(std::make_unique<CallTable>()) {
+  FlowControl::Limits limits;
+  limits.max_backlog_bytes = options.max_backlog_bytes;
+  limits.patience_ms = options.patience_ms;
+  flow_ = std::make_unique<FlowControl>(limits, [this] { NoteTick(); });
+}
 
 RpcServer::~RpcServer() { Stop(); }
 
@@ -121,6 +119,7 @@ std::shared_ptr<MSError> RpcServer::Start(const std::string& host, int port) {
     return BSP_NEW_ERROR(-1, "Failed to create event loop");
   }
   loop_->SetContainFailures(options_.contain_failures);
+  flow_->SetLoop(loop_);
   server_ = std::make_shared<TcpServer>(loop_);
   TcpServer::Options listener;
   if (options_.listen_backlog > 0) listener.backlog = options_.listen_backlog;
@@ -177,11 +176,9 @@ void RpcServer::Stop() {
     entry.second->account.Set(PeerAccount::kCommands, 0);
   }
   cmds_->Clear();
-  waiting_.clear();
+  flow_->SetLoop(nullptr);
   dropped_.clear();
   clients_.clear();
-  stuck_count_ = 0;
-  retry_ = 0;
   tick_ = 0;
 }
 
@@ -207,7 +204,7 @@ RpcServer::Totals RpcServer::Count() {
     totals.clients = clients_.size();
     totals.commands = cmds_->size();
     totals.calls = calls_->size();
-    totals.waiting = waiting_.size();
+    totals.waiting = flow_->waiting_count();
     totals.memory_bytes = budget_->used_bytes();
   });
   return totals;
@@ -267,23 +264,13 @@ void RpcServer::HandleAccept(std::shared_ptr<TcpServer>, std::shared_ptr<Socket>
   agent->client->SetGatherSends(true);
   agent->client->SetWriteHook([this, weak] {
     const AgentPtr written = weak.lock();
-    if (written != nullptr && !written->is_dropped) BookBacklog(written.get());
+    if (written != nullptr && !written->is_dropped) flow_->Book(written.get());
   });
-  agent->input = std::make_shared<FrameInput>(std::make_shared<FrameStore>(recv_buf_),
-                                              [this, weak](const RpcHeader& head) {
-                                                const AgentPtr sender = weak.lock();
-                                                if (sender == nullptr)
-                                                  return FrameInput::Decision::kSkip;
-                                                switch (AdmitLarge(sender, head)) {
-                                                  case Admission::kWait:
-                                                    return FrameInput::Decision::kWait;
-                                                  case Admission::kRefuse:
-                                                    return FrameInput::Decision::kSkip;
-                                                  case Admission::kPass:
-                                                    break;
-                                                }
-                                                return FrameInput::Decision::kTake;
-                                              });
+  const auto decide = [this, weak](const RpcHeader& head) {
+    const AgentPtr sender = weak.lock();
+    return sender != nullptr ? AdmitLarge(sender, head) : Admission::kRefuse;
+  };
+  agent->input = std::make_shared<FrameInput>(std::make_shared<FrameStore>(recv_buf_), decide);
   agent->client->SetSink(agent->input);
   agent->client->UpdateSocket(socket);
   if (!agent->client->IsWatched()) {
@@ -374,17 +361,14 @@ bool RpcServer::HandleNextFrame(const AgentPtr& agent,
     return false;
   }
   if (state == RpcFrameState::kIncomplete) return false;
-  if (stuck_count_ > 0) BookInput(agent.get(), *buffer);
+  if (flow_->IsAnyStuck()) BookInput(agent.get(), *buffer);
   if (agent->is_dropped) return false;
-  Admission admission = Admit(agent, head);
+  const Admission admission = Admit(agent, head);
   if (admission == Admission::kWait) return false;
-  agent->wait_began_ms = 0;
+  FlowControl::EndWait(agent.get());
   Frame frame;
-  if (admission == Admission::kPass) {
-    frame = agent->input->Take(buffer, head);
-    if (!frame) admission = Admission::kRefuse;  // no memory
-  }
-  if (admission == Admission::kRefuse) {
+  if (admission == Admission::kPass) frame = agent->input->Take(buffer, head);
+  if (!frame) {  // refused, or no memory for it
     agent->input->Discard(buffer, head);
     Refuse(agent, head);
     return true;
@@ -481,7 +465,7 @@ void RpcServer::BookInput(RpcAgent* agent, const MemoryBuffer& buffer) {
   const bool is_freed = large < agent->account.held_bytes(PeerAccount::kLarge);
   agent->account.Set(PeerAccount::kInput, buffer.size());
   agent->account.Set(PeerAccount::kLarge, large);
-  if (is_freed && !waiting_.empty()) NoteRetry(0);
+  if (is_freed) flow_->Retry();
   const size_t limit = options_.max_memory_bytes;
   if (limit != 0 && buffer.size() > 0 && budget_->used_bytes() > limit && !agent->is_waiting) {
     Drop(agent->shared_from_this(), "memory bytes", limit, budget_->used_bytes());
@@ -512,112 +496,44 @@ void RpcServer::CliClose(const std::shared_ptr<TcpClient>& client) {
   ForgetCalls(agent.get());
   cmds_->Remove(agent);
   clients_.erase(found);
-  if (agent->backlog.IsStuck()) --stuck_count_;
   agent->account.Set(PeerAccount::kCommands, 0);
   agent->account.Close();
-  if (!waiting_.empty()) NoteRetry(0);
+  flow_->Forget(agent.get());
 }
 
 // ---- Who has to wait, and who is refused
 
-// What a waiting sender has sent so far lies here: it waits only within its share of the budget.
-bool RpcServer::MayWait(const RpcAgent& agent) const {
-  if (options_.patience_ms == 0 || agent.client->IsEnding() || !agent.account.Admits(0))
-    return false;
-  return agent.wait_began_ms == 0 ||
-         EventLoop::NowMs() - agent.wait_began_ms < options_.patience_ms;
-}
-
-RpcServer::Admission RpcServer::AdmitTo(const RpcAgent& destination, const RpcAgent& sender,
-                                        size_t size) const {
-  const Backlog& backlog = destination.backlog;
-  if (!backlog.IsStuck()) return Admission::kPass;
-  const int64_t now_ms = EventLoop::NowMs();
-  const size_t limit = options_.max_backlog_bytes;
-  auto verdict = Backlog::Verdict::kPass;
-  if (limit != 0) verdict = backlog.Judge(sender.number, size, limit, now_ms);
-  if (verdict == Backlog::Verdict::kRefuse) return Admission::kRefuse;
-  if (verdict == Backlog::Verdict::kPass && destination.account.Admits(size)) {
-    return Admission::kPass;
-  }
-  return backlog.IsMute(now_ms) ? Admission::kRefuse : Admission::kWait;
-}
-
 // Whether the complete frame with this head goes on. A message to several listeners waits for one
 // that reads, and is dropped one by one for those that do not.
-RpcServer::Admission RpcServer::Admit(const AgentPtr& agent, const RpcHeader& head) {
-  if (stuck_count_ == 0) return Admission::kPass;
+Admission RpcServer::Admit(const AgentPtr& agent, const RpcHeader& head) {
+  if (!flow_->IsAnyStuck()) return Admission::kPass;
   const auto size = static_cast<size_t>(head.size);
   if (head.type == RPC_TYPE_REPLAY) {
     const auto requester = clients_.find(static_cast<int>(head.cli_hdl));
     if (requester == clients_.end()) return Admission::kPass;
-    return WaitOrRefuse(agent, requester->second, AdmitTo(*requester->second, *agent, size));
+    return flow_->Admit(agent, requester->second, size);
   }
   if (head.type != RPC_TYPE_REQUEST && head.type != RPC_TYPE_MESSAGE) return Admission::kPass;
   const Cmd2Cli* const command = cmds_->Find(RpcCmdText(head.cmd));
   if (command == nullptr) return Admission::kPass;
   for (const AgentPtr& listener : command->clients) {
-    const Admission admission = WaitOrRefuse(agent, listener, AdmitTo(*listener, *agent, size));
-    if (admission == Admission::kWait) return Admission::kWait;
+    const Admission admission = flow_->Admit(agent, listener, size);
+    if (admission == Admission::kWait) return admission;
     if (admission == Admission::kRefuse && command->type == RPC_TYPE_REQUEST) return admission;
   }
   return Admission::kPass;
 }
 
 // Whether a frame of 32 KiB or more, of which the head has come, is received.
-RpcServer::Admission RpcServer::AdmitLarge(const AgentPtr& agent, const RpcHeader& head) {
+Admission RpcServer::AdmitLarge(const AgentPtr& agent, const RpcHeader& head) {
   const auto size = static_cast<size_t>(head.size);
   if (options_.max_frame_bytes != 0 && size > options_.max_frame_bytes) {
     return Admission::kWait;  // HandleNextFrame drops the sender
   }
-  Admission admission = Admission::kPass;
-  if (!agent->account.Grow(PeerAccount::kLarge, size)) {
-    GiveUpStandingStill();
-    if (!agent->account.Grow(PeerAccount::kLarge, size)) admission = Admission::kWait;
-  }
-  admission = WaitOrRefuse(agent, nullptr, admission);
-  if (admission == Admission::kWait) return admission;
-  agent->wait_began_ms = 0;
+  if (!agent->account.Admits(size)) GiveUpStandingStill();
+  const Admission admission = flow_->AdmitLarge(agent, size);
   if (admission == Admission::kRefuse) Refuse(agent, head);
   return admission;
-}
-
-// `destination`: for whom; null for memory.
-RpcServer::Admission RpcServer::WaitOrRefuse(const AgentPtr& agent, const AgentPtr& destination,
-                                             Admission admission) {
-  if (admission != Admission::kWait) return admission;
-  if (!MayWait(*agent)) return Admission::kRefuse;
-  if (agent->wait_began_ms == 0) agent->wait_began_ms = EventLoop::NowMs();
-  agent->is_waiting = true;
-  agent->waits_for = destination;
-  agent->client->PauseReading();
-  waiting_.push_back(agent);
-  NoteRetry(kRetryMs);
-  return Admission::kWait;
-}
-
-void RpcServer::NoteRetry(int64_t delay_ms) {
-  if (retry_ != 0 && delay_ms > 0) return;
-  if (retry_ != 0) loop_->CancelCall(retry_);
-  retry_ =
-      loop_->CallAt(delay_ms > 0 ? EventLoop::NowMs() + delay_ms : 0, [this] { RetryWaiting(); });
-}
-
-// Each looks at its frame in front again, in the order in which they began to wait.
-void RpcServer::RetryWaiting() {
-  retry_ = 0;
-  const int64_t now_ms = EventLoop::NowMs();
-  std::vector<AgentPtr> retrying;
-  retrying.swap(waiting_);
-  for (const AgentPtr& agent : retrying) {
-    if (agent->is_dropped || !agent->is_waiting) continue;
-    agent->is_waiting = false;
-    const AgentPtr destination = agent->waits_for.lock();
-    if (destination != nullptr && now_ms - agent->wait_began_ms >= options_.patience_ms) {
-      destination->backlog.GiveUpWaiting();
-    }
-    agent->client->ResumeReading();
-  }
 }
 
 void RpcServer::Refuse(const AgentPtr& agent, const RpcHeader& head) {
@@ -732,7 +648,7 @@ std::shared_ptr<MSError> RpcServer::ForwardMessage(const AgentPtr& agent, char* 
     // A process never gets its own commands, on whichever of its connections.
     if (listener == agent || listener->pid == agent->pid) continue;
     if (kind == RPC_TYPE_REQUEST) return ForwardCall(agent, listener, command, *head, is_request);
-    const bool is_sent = SendTo(listener.get(), *agent, frame, size);
+    const bool is_sent = flow_->Send(listener.get(), *agent, frame, size);
     if (options_.track_calls && is_sent) ++command->Counts().messages;
     if (!is_sent) Refuse(agent, *head);
   }
@@ -744,7 +660,7 @@ std::shared_ptr<MSError> RpcServer::ForwardCall(const AgentPtr& agent, const Age
                                                 bool is_request) {
   const auto* const frame = reinterpret_cast<const char*>(&head);
   bool is_sent = BeginCall(agent.get(), listener.get(), command, head, is_request);
-  if (is_sent && !SendTo(listener.get(), *agent, frame, static_cast<size_t>(head.size))) {
+  if (is_sent && !flow_->Send(listener.get(), *agent, frame, static_cast<size_t>(head.size))) {
     EndCall(*listener, agent.get(), head);
     is_sent = false;
   }
@@ -773,7 +689,7 @@ std::shared_ptr<MSError> RpcServer::ReplayRequest(const AgentPtr& agent, char* f
     ++totals_.stray_replies;
     return BSP_NEW_ERROR(-1, "req_cli_hdl %d has no such call", requester);
   }
-  if (SendTo(destination.get(), *agent, frame, size)) return kOk;
+  if (flow_->Send(destination.get(), *agent, frame, size)) return kOk;
   ++totals_.dropped_replies;
   NoteTick();
   return ServerReplay(destination, head, RPC_ERR_BUSY);
@@ -796,7 +712,7 @@ std::shared_ptr<MSError> RpcServer::ServerReplay(const AgentPtr& agent, char* bu
   head->magic = RPC_MAGIC;
   head->type = RPC_TYPE_REPLAY;
   head->size = data_size;
-  if (!SendTo(agent.get(), *agent, buffer, static_cast<size_t>(data_size))) {
+  if (!flow_->Send(agent.get(), *agent, buffer, static_cast<size_t>(data_size))) {
     ++totals_.dropped_replies;
     NoteTick();
   }
@@ -873,34 +789,6 @@ void RpcServer::ForgetCalls(RpcAgent* agent) {
   });
 }
 
-// ---- The one way out for bytes
-
-bool RpcServer::SendTo(RpcAgent* destination, const RpcAgent& sender, const char* data,
-                       size_t size) {
-  if (destination->is_dropped) return true;  // lost, as everything to one that goes
-  const bool is_stuck = destination->backlog.IsStuck();
-  if (is_stuck && AdmitTo(*destination, sender, size) != Admission::kPass) return false;
-  destination->client->Send(data, size);
-  if (is_stuck) destination->backlog.Add(sender.number, size);
-  if (is_stuck || size > kGatheredMost) BookBacklog(destination);
-  return true;
-}
-
-void RpcServer::BookBacklog(RpcAgent* agent) {
-  const bool was_stuck = agent->backlog.IsStuck();
-  const size_t waiting = agent->client->SendBacklog();
-  if (!was_stuck && waiting == 0) return;
-  agent->backlog.Update(waiting, agent->client->SentBytes(), EventLoop::NowMs());
-  agent->account.Set(PeerAccount::kBacklog, waiting);
-  if (was_stuck && waiting == 0) --stuck_count_;
-  if (!was_stuck) {
-    ++stuck_count_;
-    NoteTick();
-  }
-  // Not at each byte: who waits needs room for a frame.
-  if (!waiting_.empty() && waiting <= options_.max_backlog_bytes / 2) NoteRetry(0);
-}
-
 void RpcServer::Drop(const AgentPtr& agent, const char* what, size_t limit, size_t value) {
   BSP_LOG_ERROR(MOD_BSP, "dropped client %d, pid %d: %s, limit %zu, value %zu",
                 agent->GetNativeSocket(), agent->pid, what, limit, value);
@@ -926,12 +814,12 @@ void RpcServer::Tick() {
   TellRefused();
   ReleaseMemory();
   if (options_.on_tick) options_.on_tick();
-  if (options_.on_tick || stuck_count_ > 0 || is_release_due_) NoteTick();
+  if (options_.on_tick || flow_->IsAnyStuck() || is_release_due_) NoteTick();
 }
 
 void RpcServer::DropStalled() {
   const int limit_s = options_.stall_timeout_s;
-  if (stuck_count_ == 0 || limit_s == 0) return;
+  if (!flow_->IsAnyStuck() || limit_s == 0) return;
   const int64_t now_ms = EventLoop::NowMs();
   for (const auto& entry : clients_) {
     const int64_t stalled_s = entry.second->backlog.StalledMs(now_ms) / 1000;

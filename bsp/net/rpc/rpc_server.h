@@ -23,6 +23,7 @@ class Budget;
 class CallTable;
 class CommandTable;
 class EventLoop;
+class FlowControl;
 class FrameMemory;
 class MemoryBuffer;
 class Socket;
@@ -31,6 +32,7 @@ class TcpServer;
 struct Cmd2Cli;
 struct Frame;
 struct RpcAgent;
+enum class Admission;
 
 // Modules connect with RpcClient; every frame goes through this object, which keeps a table of
 // connections and a table of commands and passes frames on by the name of their command. Whoever
@@ -187,7 +189,6 @@ class BSP_EXPORT RpcServer : public sigslot::has_slots<sigslot::single_threaded>
 
  private:
   using AgentPtr = std::shared_ptr<RpcAgent>;
-  enum class Admission { kPass, kWait, kRefuse };
 
   void Loop();
   void RunOnLoop(const std::function<void()>& look);
@@ -208,14 +209,9 @@ class BSP_EXPORT RpcServer : public sigslot::has_slots<sigslot::single_threaded>
   void HandleDirectMessage(const AgentPtr& agent, const Frame& frame);
   void BookInput(RpcAgent* agent, const MemoryBuffer& buffer);
 
-  // Who has to wait, and who is refused.
-  bool MayWait(const RpcAgent& agent) const;
-  Admission AdmitTo(const RpcAgent& destination, const RpcAgent& sender, size_t size) const;
+  // What passes, what waits, and what is refused.
   Admission Admit(const AgentPtr& agent, const RpcHeader& head);
   Admission AdmitLarge(const AgentPtr& agent, const RpcHeader& head);
-  Admission WaitOrRefuse(const AgentPtr& agent, const AgentPtr& destination, Admission admission);
-  void NoteRetry(int64_t delay_ms);
-  void RetryWaiting();
   void Refuse(const AgentPtr& agent, const RpcHeader& head);
   void GiveUpStandingStill();
 
@@ -236,10 +232,6 @@ class BSP_EXPORT RpcServer : public sigslot::has_slots<sigslot::single_threaded>
                  bool is_request);
   bool EndCall(const RpcAgent& listener, RpcAgent* requester, const RpcHeader& head);
   void ForgetCalls(RpcAgent* agent);
-
-  // The one way out for bytes; false when the destination's limit or the budget forbids it.
-  bool SendTo(RpcAgent* destination, const RpcAgent& sender, const char* data, size_t size);
-  void BookBacklog(RpcAgent* agent);
 
   void Drop(const AgentPtr& agent, const char* what, size_t limit, size_t value);
   void CloseDropped();
@@ -265,13 +257,11 @@ class BSP_EXPORT RpcServer : public sigslot::has_slots<sigslot::single_threaded>
   std::unordered_map<int, AgentPtr> clients_;    // by descriptor
   const std::unique_ptr<CommandTable> cmds_;
   const std::unique_ptr<CallTable> calls_;
+  std::unique_ptr<FlowControl> flow_;
   uint64_t last_number_ = 0;       // of an agent
-  size_t stuck_count_ = 0;         // agents with a backlog
-  std::vector<AgentPtr> waiting_;  // agents that are not read, who began first in front
   std::vector<AgentPtr> dropped_;  // to be closed behind this delivery
   int64_t now_us_ = 0;             // of the frame in hand
-  uint64_t retry_ = 0;             // the noted call of RetryWaiting; 0: none
-  uint64_t tick_ = 0;              // and of Tick
+  uint64_t tick_ = 0;              // the noted call of Tick; 0: none
   size_t bytes_since_tick_ = 0;
   bool is_release_due_ = false;
   Totals totals_;
