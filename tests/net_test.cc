@@ -11,6 +11,8 @@
 #include <cerrno>
 #include <chrono>
 #include <functional>
+#include <future>
+#include <new>
 #include <random>
 #include <string>
 #include <thread>
@@ -20,6 +22,7 @@
 #include "bsp/net/event_loop.h"
 #include "bsp/net/tcp_client.h"
 #include "bsp/net/tcp_server.h"
+#include "tests/support/child.h"
 
 namespace {
 
@@ -210,6 +213,60 @@ TEST(EventLoop, RegistrationAndOrder) {
   EXPECT_EQ(calls, (Calls{"r1", "w1", "r1", "e1"}));
 }
 
+// Calls that are lost, come before their time or for a handler that has died, and a cancelled one
+// that comes; from the loop's thread and from others.
+TEST(EventLoop, CallsAgainAndAtATime) {
+  const auto loop = std::make_shared<EventLoop>();
+  Calls calls;
+  const auto probe = std::make_shared<Probe>(&calls, 1);
+  auto dying = std::make_shared<Probe>(&calls, 2);
+  const int64_t begin_ms = EventLoop::NowMs();
+  EXPECT_TRUE(loop->CallAgain(probe, bsp::EVENT_READ));
+  EXPECT_TRUE(loop->CallAgain(dying, bsp::EVENT_READ));
+  EXPECT_FALSE(loop->CallAgain(std::weak_ptr<Probe>(), bsp::EVENT_READ));
+  dying.reset();
+  probe->on_read = [&] { loop->CallAgain(probe, bsp::EVENT_WRITE); };
+  loop->CallAt(begin_ms + 60, [&] {
+    calls.push_back("late");
+    EXPECT_GE(EventLoop::NowMs(), begin_ms + 60);
+  });
+  loop->CallAt(begin_ms + 30, [&] { calls.push_back("early"); });
+  const uint64_t never = loop->CallAt(begin_ms + 40, [&] { calls.push_back("never"); });
+  EXPECT_TRUE(loop->CancelCall(never));
+  EXPECT_FALSE(loop->CancelCall(never));
+  {
+    const LoopThread thread{loop};
+    std::promise<void> done;
+    loop->CallAt(begin_ms + 80, [&] { done.set_value(); });
+    EXPECT_EQ(done.get_future().wait_for(kPatience), std::future_status::ready);
+    std::promise<void> again;
+    probe->on_error = [&] { again.set_value(); };
+    loop->CallAgain(probe, bsp::EVENT_ERROR);
+    EXPECT_EQ(again.get_future().wait_for(kPatience), std::future_status::ready);
+  }
+  EXPECT_EQ(calls, (Calls{"r1", "w1", "early", "late", "e1"}));
+}
+
+// A handler that throws ends the process, takes others with it, or keeps its socket; failures
+// without end that are never told.
+TEST(EventLoop, ContainsFailures) {
+  Batch batch;
+  batch.loop->SetContainFailures(true);
+  batch.probes[0]->on_read = [] { throw std::bad_alloc(); };
+  batch.probes[0]->on_error = [&] { batch.loop->RemoveEvent(batch.pairs[0].first); };
+  batch.probes[1]->on_read = [] { throw 7; };
+  batch.probes[2]->on_read = [&] { batch.loop->Stop(); };
+  batch.loop->CallAt(0, [] { throw std::bad_alloc(); });
+  batch.loop->Loop();
+  EXPECT_EQ(batch.calls, (Calls{"r0", "e0", "r1", "e1", "r2"}));
+  EXPECT_EQ(batch.loop->FailureText(), "");
+
+  batch.probes[1]->on_error = [] { throw std::bad_alloc(); };  // closing fails, too
+  batch.pairs[1].second->Send("x", 1);
+  batch.loop->Loop();
+  EXPECT_EQ(batch.loop->FailureText(), "an exception of");
+}
+
 // A client with its slots: keeps the bytes and the texts of errors, in order.
 struct Station : sigslot::has_slots<> {
   Station(const std::shared_ptr<EventLoop>& loop, const SocketPtr& socket) {
@@ -233,6 +290,34 @@ struct Station : sigslot::has_slots<> {
   std::string bytes;
   Calls events;
 };
+
+// A child that leaves what it inherited, in whichever way, must not make its parent deaf; what it
+// does with it itself is refused.
+TEST(EventLoop, ForkedChildTouchesNothing) {
+  const auto loop = std::make_shared<EventLoop>();
+  const SocketPair pair = TcpPair();
+  auto station = std::make_unique<Station>(loop, pair.first);
+  std::promise<void> read;
+  station->on_read = [&] { read.set_value(); };
+  const LoopThread thread{loop};
+  for (int way = 0; way < 2; ++way) {
+    test::Child child = test::Child::Fork([&] {
+      const bool is_refused =
+          !station->client->Send("x", 1) && !station->client->IsConnected() &&
+          !loop->RemoveEvent(pair.first) && !loop->UpdateEvent(pair.first, kIdleMask) &&
+          !loop->CallAgain(station->client, bsp::EVENT_READ) && loop->CallAt(0, [] {}) == 0;
+      loop->Loop();
+      if (way == 0) station->client->Disconnect();
+      if (way == 1) station.reset();
+      return is_refused ? 0 : 1;
+    });
+    EXPECT_EQ(child.Wait(), 0) << child.output();
+  }
+  EXPECT_EQ(pair.second->Send("ping", 4), 4);
+  EXPECT_EQ(read.get_future().wait_for(kPatience), std::future_status::ready);
+  EXPECT_TRUE(station->client->Send("pong", 4));
+  EXPECT_EQ(Read(pair.second, 4), "pong");
+}
 
 // A large Send that takes more than one chunk a turn keeps the loop to itself.
 TEST(TcpClient, ChunksOfALargeSend) {
