@@ -1,6 +1,7 @@
 // Error object, utilities and the console log.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <thread>
 #include <vector>
 
@@ -91,6 +92,26 @@ TEST(Log, FiltersAndPrints) {
   for (size_t i = kSingle; i + 1 < lines.size(); ++i) {
     ASSERT_EQ(lines[i].substr(0, 3) + lines[i].substr(24), "[20] MOD_T <emerg> f.cc:1 g, line");
   }
+}
+
+// A sink gets what passes, with the caller's format, and standard output nothing; what is filtered
+// does not reach it. Without it all is as before.
+TEST(Log, SinkTakesThePlaceOfStandardOutput) {
+  const Pieces lines = LinesOf([] {
+    bsp::SetLogSink([](const bsp::LogLine& line) noexcept {
+      fprintf(stderr, "%s %d %s:%d %s|%s|%zu %.9s\n", line.module, line.level, line.file, line.line,
+              line.func, line.format, strlen(line.text), line.text);
+    });
+    BSP_LOG_DEBUG("MOD_T", "filtered");
+    _log_debug("MOD_T", 6, "f.cc", "g", 1, "<%s>", std::string(2000, 'x').c_str());
+    _log_debug("MOD_T", 0, "f.cc", "g", 2, nullptr);
+    _log_debug("MOD_T", 8, "f.cc", "g", 3, "never");
+    bsp::SetLogSink(nullptr);
+    _log_debug("MOD_T", 8, "f.cc", "g", 4, "never");
+  });
+  EXPECT_EQ(lines, (Pieces{"MOD_T 6 f.cc:1 g|<%s>|1022 <xxxxxxxx", "MOD_T 0 f.cc:2 g||0 ",
+                           "MOD_T 3 f.cc:3 g|log level %d is invalid.|23 log level",
+                           "log level 8 is invalid.", ""}));
 }
 
 // Empty pieces count, a prefix compares equal, no copy writes outside its destination, and a number

@@ -8,6 +8,7 @@
 // inlined. The record entry points build their LogMsg on the stack and allocate nothing.
 #include "bsp/log/log.h"
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -24,6 +25,10 @@ namespace {
 
 // Most of a text that a line or record keeps: 1022 characters and the terminator.
 constexpr size_t kTextLimit = 1023;
+
+// Where lines go; null: standard output. Atomic so that a sink set too late is no data race; what
+// it uses is made before, which the release of SetLogSink shows to every reader.
+std::atomic<bsp::LogSink> g_sink{nullptr};
 
 constexpr const char* kLevelNames[] = {"emerg", "alert",  "crit", "error",
                                        "warn",  "notice", "info", "debug"};
@@ -43,15 +48,30 @@ __attribute__((noinline)) void PrintLine(const char* module, int level, const ch
                                          va_list args) {
   char text[1024] = {};
   FormatText(text, fmt, args);
+  if (const bsp::LogSink sink = g_sink.load(std::memory_order_acquire)) {
+    sink({module, level, file, func, line, fmt != nullptr ? fmt : "", text});
+    return;
+  }
   printf("[%s] %s <%s> %s:%d %s, %s\n", bsp::TimeUtil::TimeMillisStr(), module, kLevelNames[level],
          file, line, func, text);
+}
+
+void ComplainOfLevel(const char* module, int level, const char* file, const char* func, int line) {
+  constexpr const char kFormat[] = "log level %d is invalid.";
+  char text[64];
+  snprintf(text, sizeof text, kFormat, level);
+  if (const bsp::LogSink sink = g_sink.load(std::memory_order_acquire)) {
+    sink({module, BSP_LEVEL_ERROR, file, func, line, kFormat, text});
+    return;
+  }
+  puts(text);
 }
 
 __attribute__((noinline)) void FilterAndPrint(const char* module, int level, const char* file,
                                               const char* func, int line, const char* fmt,
                                               va_list args) {
   if (level < BSP_LEVEL_EMERG || level > BSP_LEVEL_DEBUG) {
-    printf("log level %d is invalid.\n", level);
+    ComplainOfLevel(module, level, file, func, line);
     return;
   }
   if (Passes(module, level)) PrintLine(module, level, file, func, line, fmt, args);
@@ -92,6 +112,8 @@ void SendFeed(const char* file, const char* func, int line, const char* fmt, ...
 }  // namespace
 
 bool bsp::IsLogged(const char* module, int level) { return Passes(module, level); }
+
+void bsp::SetLogSink(LogSink sink) { g_sink.store(sink, std::memory_order_release); }
 
 void _log_debug(const char* module, int level, const char* file, const char* func, int line,
                 const char* fmt, ...) {
