@@ -1,19 +1,40 @@
-// What a service manager hears from the host programs.
+// What the host programs tell, to their service manager and on standard error, and what it costs
+// them when nobody listens.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
+#include <fstream>
 #include <string>
+#include <vector>
 
+#include "bsp/base/socket.h"
+#include "bsp/log/log.h"
+#include "bsp/log/log_msg.h"
+#include "bsp/log/status_block.h"
+#include "bsp/log/sys_log_cli.h"
+#include "bsp/util/string_helper.h"
+#include "bsp/util/time_util.h"
 #include "tests/support/child.h"
+#include "tests/support/rpc_peer.h"
+#include "tests/support/servers.h"
 #include "tests/support/test_env.h"
 
 namespace {
 
+using bsp::StringHelper;
+using bsp::TimeUtil;
 using test::Child;
+using test::RpcBytes;
+using test::RpcPeer;
+
+constexpr int kPort = 7800;
 
 // The manager's end of the notify protocol.
 class Manager {
@@ -69,6 +90,172 @@ TEST(HostPrograms, TellTheServiceManager) {
     program.Signal(SIGTERM);
     EXPECT_EQ(program.Wait(), 0);
   }
+}
+
+// ---- Standard error
+
+// A pipe for the standard error of a program, read when the test likes to.
+class ErrorPipe {
+ public:
+  explicit ErrorPipe(const std::string& path) : path_(path) {
+    EXPECT_EQ(mkfifo(path.c_str(), 0600), 0);
+    fd_ = open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+  }
+  ~ErrorPipe() { close(fd_); }
+
+  // Runs "bsp-broker ..." or "bsp-logd ..." into the pipe, and awaits that it is ready.
+  Child Run(const std::string& words) const {
+    Child child =
+        Child::Run({"/bin/sh", "-c", "exec " BSP_TEST_BIN_DIR "/" + words + " 2>" + path_});
+    EXPECT_TRUE(child.WaitForLine(" ready on ")) << child.output();
+    return child;
+  }
+
+  // Reads until a line that holds `text` is there; all up to its end, empty when it does not come.
+  std::string ReadTo(const std::string& text) {
+    std::string read_bytes;
+    struct pollfd ready = {fd_, POLLIN, 0};
+    while (poll(&ready, 1, test::kPatienceMs) == 1) {
+      char bytes[4096];
+      const ssize_t count = read(fd_, bytes, sizeof bytes);
+      if (count > 0) read_bytes.append(bytes, static_cast<size_t>(count));
+      const size_t found = read_bytes.find(text);
+      const size_t end = found == std::string::npos ? found : read_bytes.find('\n', found);
+      if (end != std::string::npos) return read_bytes.substr(0, end);
+    }
+    return std::string();
+  }
+
+ private:
+  const std::string path_;
+  int fd_ = -1;
+};
+
+// A sender of datagrams that are no records, as many as it likes.
+class Datagrams {
+ public:
+  Datagrams() { EXPECT_TRUE(socket_.Create(bsp::Socket::SOCKET_DGRAM)); }
+
+  // In turn: an empty one, one of a type that is none, a feed in the name of nobody.
+  void Flood(int count) {
+    bsp::LogMsg msg = bsp::kLogMsgPrototype;
+    StringHelper::Copy(msg.mod_name, sizeof msg.mod_name, "nobody");
+    for (int i = 0; i < count; ++i) {
+      msg.type = i % 3 == 1 ? 99 : LOG_TYPE_FEED_DOG;
+      socket_.SendTo(reinterpret_cast<const char*>(&msg), i % 3 == 0 ? 0 : sizeof msg,
+                     bsp::SocketAddress("127.0.0.1", bsp::kLogPort));
+    }
+  }
+
+ private:
+  bsp::Socket socket_;
+};
+
+// As users run it, at its usual level.
+Child RunBroker() {
+  Child broker = Child::Run({BSP_TEST_BIN_DIR "/bsp-broker"});
+  EXPECT_TRUE(broker.WaitForLine("bsp-broker ready")) << broker.output();
+  return broker;
+}
+
+std::string Messages(int count) {
+  std::string bytes;
+  while (count-- > 0) bytes += RpcBytes(RPC_TYPE_MESSAGE, 1, "nobody", "text");
+  return bytes;
+}
+
+// The number in front of `text`.
+size_t NumberBefore(const std::string& output, const std::string& text) {
+  size_t digits = output.find(text);
+  if (digits == std::string::npos) return 0;
+  while (digits > 0 && isdigit(static_cast<unsigned char>(output[digits - 1])) != 0) --digits;
+  return std::stoul(output.substr(digits));
+}
+
+constexpr const char* kLoss = " lines lost, standard error was not read";
+
+// A pipe that is full to the brim must not hold up the broker's thread nor its end, whatever its
+// clients make it tell. What was not written is told with its number once somebody reads.
+TEST(HostPrograms, BrokerOutlivesAnUnreadLog) {
+  NEED_PRIVATE_WORLD();
+  constexpr int kMessages = 3000;  // a line each at least: more than ring and pipe hold
+  ErrorPipe pipe("/mnt/broker.err");
+  Child broker = pipe.Run("bsp-broker --log-level 7");
+  for (const bool is_read : {true, false}) {
+    RpcPeer flood(kPort);
+    ASSERT_TRUE(flood.Send(Messages(kMessages)));
+    EXPECT_TRUE(flood.IsServed());
+    RpcPeer garbage(kPort);
+    ASSERT_TRUE(garbage.Send(std::string(100000, 'x')));
+    EXPECT_TRUE(garbage.IsClosedByPeer());
+    EXPECT_TRUE(RpcPeer(kPort).IsServed());
+    if (!is_read) break;
+    const std::string log = pipe.ReadTo(kLoss);
+    const auto lines = static_cast<size_t>(std::count(log.begin(), log.end(), '\n'));
+    EXPECT_GT(NumberBefore(log, kLoss), 0U);
+    EXPECT_GE(lines + NumberBefore(log, kLoss), size_t{kMessages});
+  }
+  broker.Signal(SIGTERM);
+  EXPECT_EQ(broker.Wait(20000), 0);
+}
+
+// The same for the log server: a feed that it does not read in time resets the machine.
+TEST(HostPrograms, LogServerOutlivesAnUnreadLog) {
+  NEED_PRIVATE_WORLD();
+  mkdir("/mnt/log", 0755);
+  std::ofstream("/mnt/log/com_srv_app.ini") << "[record]\nlog_db_file = /mnt/log/log.db\n";
+  ErrorPipe pipe("/mnt/logd.err");
+  Child logd = pipe.Run("bsp-logd --dir /mnt/log --log-level 7");
+  bsp::StatusBlockHandle block;
+  ASSERT_TRUE(block.InitForWrite(bsp::kSystemStatusName, bsp::kSystemStatusSize, 1));
+  ASSERT_EQ(log_init_v2(6, "feeder", 0), 0);
+  Datagrams datagrams;
+  for (const bool is_read : {true, false}) {
+    for (int i = 0; i < 10; ++i) {
+      datagrams.Flood(600);
+      // A pass of the watchdog, every five seconds, counts from 0 again.
+      bsp::StoreWord(block->mods[0].feed_cnt, 0);
+      const int64_t end_ms = TimeUtil::ClockMillis() + test::kPatienceMs;
+      while (bsp::LoadWord(block->mods[0].feed_cnt) == 0 && TimeUtil::ClockMillis() < end_ms) {
+        BSP_FEED_DOG();
+        TimeUtil::SleepMs(5);
+      }
+      ASSERT_LT(TimeUtil::ClockMillis(), end_ms);
+    }
+    EXPECT_TRUE(!is_read || NumberBefore(pipe.ReadTo(kLoss), kLoss) > 0);
+  }
+  log_deinit();
+  logd.Signal(SIGTERM);
+  EXPECT_EQ(logd.Wait(20000), 0);
+}
+
+// Ten thousand lines of one reason give a handful and one a second, and none goes uncounted. A name
+// that a client has chosen neither begins a line of its own nor speaks to the terminal.
+TEST(HostPrograms, RepeatsAreCounted) {
+  NEED_PRIVATE_WORLD();
+  constexpr int kMessages = 10000;
+  const int64_t begin_ms = TimeUtil::ClockMillis();
+  Child broker = RunBroker();
+  {
+    RpcPeer flood(kPort);
+    ASSERT_TRUE(flood.Send(Messages(kMessages - 1)));
+    ASSERT_TRUE(flood.Send(RpcBytes(RPC_TYPE_MESSAGE, 1, "x\n<0>forged \033[2J", "")));
+    EXPECT_TRUE(flood.IsServed());
+  }
+  broker.Signal(SIGTERM);
+  EXPECT_EQ(broker.Wait(), 0);
+  const auto seconds = static_cast<size_t>((TimeUtil::ClockMillis() - begin_ms) / 1000);
+  size_t lines = 0;
+  size_t counted = 0;
+  for (const std::string& line : StringHelper::Split(broker.output(), "\n")) {
+    if (line.find(" ForwardMessage, cmd ") == std::string::npos) continue;
+    ++lines;
+    counted += 1 + NumberBefore(line, " more like it)");
+  }
+  EXPECT_EQ(counted, size_t{kMessages}) << broker.output();
+  EXPECT_LE(lines, 7 + seconds) << broker.output();
+  EXPECT_NE(broker.output().find(", cmd x <0>forged ?[2J not found"), std::string::npos)
+      << broker.output();
 }
 
 }  // namespace

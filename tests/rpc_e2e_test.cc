@@ -340,7 +340,8 @@ TEST(BrokerProgram, HostilePeersCostOnlyThemselves) {
     ASSERT_TRUE(bounds.Send(RpcBytes(RPC_TYPE_MESSAGE, i, "a", std::string(9896, 'n'))));
     ASSERT_TRUE(good.Read(&got));
     ASSERT_EQ(got.head.seq, i);
-    if (i % 10 != 0) continue;
+    if (i < 1500 || i % 4 != 0)
+      continue;  // `never` is dropped by then: its line is not one of many
     broker.process.WaitForLine("no such line", 0);  // empties the pipe, which its log would fill
     RpcPeer fuzz(kPort);
     std::string bytes = test::RpcListen("fuzz", 10 + static_cast<int>(i / 10 % 2), 0, 60) +

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "apps/common/diagnostics.h"
 #include "apps/common/host.h"
 #include "apps/common/service_manager.h"
 #include "bsp/base/error.h"
@@ -75,7 +76,8 @@ void AddOptions(CLI::App* app, Settings* settings) {
   CLI::Option* stock = app->add_flag(
       "--stock", settings->is_stock,
       "the library's default behaviour and nothing else: no limits, no reuse of the address, the "
-      "last frames of a closing client lost, no memory given back");
+      "last frames of a closing client lost, no memory given back, a log that waits for its "
+      "reader");
   app->add_option("--log-level", settings->log_level, "0 (emerg) to 7 (debug), on standard error")
       ->capture_default_str()
       ->check(CLI::Range(0, 7));
@@ -169,7 +171,7 @@ void RaiseDescriptorLimit() {
 int Serve(const Settings& settings, FILE* out) {
   const char* host = settings.host.c_str();
   if (!app::IsResolved(settings.host)) {
-    fprintf(stderr, "bsp-broker: cannot resolve host %s: give an IPv4 address\n", host);
+    app::Tell("bsp-broker: cannot resolve host %s: give an IPv4 address", host);
     return kFailed;
   }
   // Before the broker's thread exists.
@@ -183,17 +185,17 @@ int Serve(const Settings& settings, FILE* out) {
   }
   std::atomic<bool> has_given_up{false};
   options.on_give_up = [&](const std::string& why) {
-    fprintf(stderr, "bsp-broker: cannot go on: %s, for 5 s or more\n", why.c_str());
+    app::Tell("bsp-broker: cannot go on: %s, for 5 s or more", why.c_str());
     has_given_up = true;
     kill(getpid(), SIGTERM);
   };
   bsp::RpcServer server(options);
   const auto error = server.Start(settings.host, settings.port);
   if (error != nullptr) {
-    fprintf(stderr,
-            "bsp-broker: cannot listen on %s:%d: another broker may be running there, or the "
-            "address is not this machine's: %s\n",
-            host, settings.port, error->Message().substr(0, error->Message().find('\n')).c_str());
+    app::Tell(
+        "bsp-broker: cannot listen on %s:%d: another broker may be running there, or the address "
+        "is not this machine's: %s",
+        host, settings.port, error->Message().substr(0, error->Message().find('\n')).c_str());
     return kFailed;
   }
   fprintf(out, "bsp-broker ready on %s:%d\n", host, settings.port);
@@ -216,7 +218,7 @@ std::function<int()> Prepare(CLI::App* command) {
       return app::kUsage;
     }
     g_log_level = settings->log_level;
-    return Serve(*settings, app::SplitOutput());
+    return Serve(*settings, app::OpenOutput("bsp-broker", settings->is_stock));
   };
 }
 

@@ -13,6 +13,7 @@
 #include <string>
 #include <thread>
 
+#include "apps/common/diagnostics.h"
 #include "apps/common/host.h"
 #include "apps/common/service_manager.h"
 #include "bsp/log/log.h"
@@ -44,9 +45,11 @@ void AddOptions(CLI::App* app, Settings* settings) {
   auto* watchdog = app->add_option("--watchdog", settings->watchdog_device,
                                    "device to keep alive while no module is late, such as "
                                    "/dev/watchdog; its time-out must be at least 15 s");
-  app->add_flag("--stock", settings->is_stock,
-                "the library's default behaviour and nothing else: no journal on disk, no flush at "
-                "the end, the system's receive buffer, datagrams from anywhere")
+  app->add_flag(
+         "--stock", settings->is_stock,
+         "the library's default behaviour and nothing else: no journal on disk, no flush at "
+         "the end, the system's receive buffer, datagrams from anywhere, a log that waits for "
+         "its reader")
       ->excludes(watchdog);
   app->add_option("--log-level", settings->log_level, "0 (emerg) to 7 (debug), on standard error")
       ->capture_default_str()
@@ -70,7 +73,7 @@ bsp::LogSrvOptions ServerOptions(const Settings& settings) {
 }
 
 int Fail(const std::string& why) {
-  fprintf(stderr, "bsp-logd: %s\n", why.c_str());
+  app::Tell("bsp-logd: %s", why.c_str());
   return kFailed;
 }
 
@@ -154,7 +157,7 @@ std::function<int()> Prepare(CLI::App* command) {
   AddOptions(command, settings.get());
   return [settings] {
     g_log_level = settings->log_level;
-    return Serve(*settings, app::SplitOutput());
+    return Serve(*settings, app::OpenOutput("bsp-logd", settings->is_stock));
   };
 }
 

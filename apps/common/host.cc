@@ -1,16 +1,26 @@
 #include "apps/common/host.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <exception>
 
+#include "apps/common/diagnostics.h"
 #include "bsp/base/socket.h"
 
 namespace app {
+namespace {
 
-int RunProgram(const char* name, const char* text, int argc, char** argv,
-               std::function<int()> (*prepare)(CLI::App* command)) {
-  signal(SIGPIPE, SIG_IGN);
+// Else the next file that is opened, perhaps a database, takes the number of a closed one, and gets
+// our lines. What is opened here refuses to be read and written, as a closed one does.
+void FillStandardDescriptors() {
+  int fd = open("/", O_PATH | O_CLOEXEC);
+  while (fd != -1 && fd <= STDERR_FILENO) fd = open("/", O_PATH | O_CLOEXEC);
+  if (fd != -1) close(fd);
+}
+
+int ParseAndRun(const char* name, const char* text, int argc, char** argv,
+                std::function<int()> (*prepare)(CLI::App* command)) {
   try {
     CLI::App command(text, name);
     const std::function<int()> run = prepare(&command);
@@ -21,15 +31,27 @@ int RunProgram(const char* name, const char* text, int argc, char** argv,
     }
     return run();
   } catch (const std::exception& fault) {
-    fprintf(stderr, "%s: %s\n", name, fault.what());
+    Tell("%s: %s", name, fault.what());
     return kFailed;
   }
 }
 
-FILE* SplitOutput() {
+}  // namespace
+
+int RunProgram(const char* name, const char* text, int argc, char** argv,
+               std::function<int()> (*prepare)(CLI::App* command)) {
+  signal(SIGPIPE, SIG_IGN);
+  FillStandardDescriptors();
+  const int code = ParseAndRun(name, text, argc, argv, prepare);
+  EndDiagnostics();
+  return code;
+}
+
+FILE* OpenOutput(const char* name, bool is_stock) {
   const int out = dup(STDOUT_FILENO);
   dup2(STDERR_FILENO, STDOUT_FILENO);
   setvbuf(stdout, nullptr, _IOLBF, 0);
+  if (!is_stock) StartDiagnostics(name);
   return out == -1 ? stdout : fdopen(out, "w");
 }
 
