@@ -258,4 +258,102 @@ TEST(HostPrograms, RepeatsAreCounted) {
       << broker.output();
 }
 
+std::vector<std::string> LinesOfFile(const std::string& path) {
+  std::ifstream file(path);
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(file, line);) lines.push_back(line);
+  return lines;
+}
+
+// To the journal every line carries its priority and leaves the time to the journal. A standard
+// error that is not the journal, although the manager has one, is for people. A failure to start is
+// told in one line.
+TEST(HostPrograms, SpeakToTheJournal) {
+  NEED_PRIVATE_WORLD();
+  const auto run = [](const std::string& identity, const std::string& path) {
+    return Child::Run({"/bin/sh", "-c",
+                       ": >$1; JOURNAL_STREAM=$(stat -c $0 $1) exec " BSP_TEST_BIN_DIR
+                       "/bsp-broker 2>$1",
+                       identity, path});
+  };
+  for (const bool is_journal : {true, false}) {
+    const std::string identity = is_journal ? "%d:%i" : "%d:1%i";
+    Child broker = run(identity, "/mnt/first");
+    EXPECT_TRUE(broker.WaitForLine("bsp-broker ready"));
+    {
+      RpcPeer peer(kPort);
+      EXPECT_TRUE(peer.Send(RpcBytes(RPC_TYPE_MESSAGE, 1, "nobody", "")) && peer.IsServed());
+    }
+    EXPECT_EQ(run(identity, "/mnt/second").Wait(), 1);
+    broker.Signal(SIGTERM);
+    EXPECT_EQ(broker.Wait(), 0);
+    const std::vector<std::string> lines = LinesOfFile("/mnt/first");
+    ASSERT_EQ(lines.size(), 2U);
+    const std::string text = "ForwardMessage, cmd nobody not found";
+    EXPECT_NE(lines[1].find(text), std::string::npos) << lines[1];
+    EXPECT_EQ(lines[0].substr(0, 11), is_journal ? "<6>MOD_BSP " : "[" + lines[0].substr(1, 10));
+    EXPECT_EQ(lines[1].substr(0, 11), is_journal ? "<5>MOD_BSP " : "[" + lines[1].substr(1, 10));
+    EXPECT_EQ(lines[1].find("MOD_BSP <notice> ") != std::string::npos, !is_journal) << lines[1];
+    const std::vector<std::string> failure = LinesOfFile("/mnt/second");
+    ASSERT_EQ(failure.size(), 1U);
+    EXPECT_EQ(failure[0].substr(0, 26),
+              is_journal ? "<3>bsp-broker: cannot list" : "bsp-broker: cannot listen ");
+  }
+}
+
+// What the programs tell while all is well: whoever watches for errors must not learn to ignore
+// them. Clients come, listen, call, check, talk to nobody and go, one of them by force, one before
+// its answer; modules log and feed; both programs end in order.
+TEST(HostPrograms, HealthyOperationTellsNoError) {
+  NEED_PRIVATE_WORLD();
+  Child logd = test::StartLogServer();
+  Child broker = RunBroker();
+  ASSERT_EQ(log_init_v2(6, "module", 0), 0);
+  BSP_TRACE(1, 2, "a record");
+  BSP_CONTROL(2, "another");
+  BSP_SYSTEM(4, "a third");
+  BSP_FEED_DOG();
+  bsp::LogMsg ask = bsp::kLogMsgPrototype;
+  ask.type = LOG_TYPE_SEARCH;
+  log_send_msg(&ask);
+  EXPECT_TRUE(logd.WaitForLine("resp size")) << logd.output();
+  log_deinit();
+
+  RpcPeer listener(kPort);
+  EXPECT_EQ(listener.Ask(test::RpcListen("ask", RPC_TYPE_REQUEST, 7, getpid())), 0);
+  EXPECT_EQ(listener.Ask(test::RpcListen("tell", RPC_TYPE_MESSAGE, 7, getpid())), 0);
+  RpcPeer caller(kPort);
+  test::RpcFrame request;
+  for (const bool is_answered : {true, false}) {
+    ASSERT_TRUE(caller.Send(RpcBytes(RPC_TYPE_REQUEST, 1, "ask", "?")) && listener.Read(&request));
+    if (!is_answered) {
+      caller.Close();
+      Child killed = Child::Run({BSP_TEST_BIN_DIR "/bspctl", "rpc", "listen", "other"});
+      EXPECT_TRUE(killed.WaitForLine("listening to"));
+      killed.Signal(SIGKILL);
+      EXPECT_EQ(killed.Wait(), 128 + SIGKILL);
+      RpcPeer other(kPort);
+      while (other.Ask(test::RpcCheck("other")) == 0) {
+      }
+    }
+    EXPECT_TRUE(listener.Send(test::RpcReply(request, 0, "!")));
+    EXPECT_EQ(listener.Ask(test::RpcCheck("ask")), 0);
+    if (!is_answered) break;
+    EXPECT_TRUE(caller.Read(&request));
+    EXPECT_EQ(caller.Ask(test::RpcCheck("tell")), 0);
+    EXPECT_EQ(caller.Ask(RpcBytes(RPC_TYPE_REQUEST, 1, "nobody", "")), -2);
+    EXPECT_TRUE(caller.Send(RpcBytes(RPC_TYPE_MESSAGE, 1, "tell", "") + Messages(1)));
+    EXPECT_TRUE(listener.Read(&request));
+  }
+  listener.Close();
+  for (Child* program : {&broker, &logd}) {
+    program->Signal(SIGTERM);
+    EXPECT_EQ(program->Wait(), 0);
+    EXPECT_EQ(program->output().find("<error>"), std::string::npos) << program->output();
+    EXPECT_NE(program->output().find("<info>"), std::string::npos) << program->output();
+  }
+  EXPECT_NE(broker.output().find("cmd nobody not found"), std::string::npos) << broker.output();
+  EXPECT_NE(broker.output().find("req_cli_hdl "), std::string::npos) << broker.output();
+}
+
 }  // namespace

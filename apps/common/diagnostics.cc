@@ -40,6 +40,7 @@
 #include <thread>
 
 #include "apps/common/line_gate.h"
+#include "apps/common/routine_lines.h"
 #include "bsp/log/log.h"
 #include "bsp/util/time_util.h"
 
@@ -138,7 +139,8 @@ Diagnostics* g_diagnostics = nullptr;
 // ---- Whoever logs
 
 void Diagnostics::Log(const bsp::LogLine& line) noexcept {
-  const int level = line.level;
+  const int level = HostLevel(line.format, line.level);
+  if (level != line.level && !bsp::IsLogged(line.module, level)) return;
   char text[LineGate::kMostBytes];
   const int length = is_journal_
                          ? snprintf(text, sizeof text, "%s %s:%d %s, %s", line.module, line.file,
