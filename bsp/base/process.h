@@ -32,6 +32,11 @@ class ProcessMark {
   const pid_t pid_;
 };
 
+// In a child: keeps its copy of an object of the parent as it is until the process ends. No
+// destructor may run on one that a thread which is not there was changing, and a leak checker finds
+// it here. Any thread, no lock.
+BSP_EXPORT void KeepForGood(const void* copy);
+
 }  // namespace bsp
 
 #endif  // BSP_BASE_PROCESS_H_
