@@ -4,25 +4,18 @@
 
 #include <atomic>
 #include <cstdint>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <vector>
 
 #include "bsp/base/error.h"
 #include "bsp/base/macros.h"
-#include "bsp/net/rpc/frame_input.h"
 #include "bsp/net/rpc/rpc_header.h"
 #include "bsp/sigslot/sigslot.h"
 
 namespace bsp {
 
-class EventLoop;
-class EventService;
 class MemoryBuffer;
 class Semaphore;
-class SemaphorePool;
 class TcpClient;
 
 // One connection to the broker and one thread, "rpc_cli", that reads it: slots of the signals run
@@ -37,23 +30,40 @@ class TcpClient;
 //
 // Nothing reconnects: an owner that wants the bus back calls Close, Open and its Listens again.
 //
-// Threads: Listen, CheckCmdPower, SendRequest, SendMessage, SendReplay, Flush, Send and IsConnected
-// on any, any number at once. Open, Close and SetOptions on the owner's, one at a time; Close may
-// run while calls wait for replies: they end at their time-outs. The calls that wait must not be
-// made from a slot of the same client, whose reply could not be read: they would time out.
-// SendMessage and SendReplay do not wait.
+// Threads: Listen, CheckCmdPower, SendRequest, SendMessage, SendReplay, Flush, Send, IsConnected,
+// IsOwnThread and CheckProcess on any, any number at once. Open, Close and SetOptions on the
+// owner's, one at a time, beside calls of the others: a call that meets a closed client is refused,
+// one that begins beside an Open is refused or goes over the new connection, and one that waits for
+// its reply during Close ends at its time-out (at once with fail_calls_on_disconnect). The calls
+// that wait must not be made from a slot of the same client, whose reply could not be read: they
+// would time out. SendMessage and SendReplay do not wait.
 //
-// Errors, where nothing else is said: -1 not connected, or the frame could not be sent; -3 no reply
-// in time; -5 no semaphore to wait on; and the err_code of the reply: -2 nobody listens to the
-// command, -6 a REQUEST command has its listener already, else what the listener answered.
+// Forks: the connection stays with the process that opened it. In a child IsConnected is false, and
+// every call on the inherited client fails at once with code -1 and a text that names that process;
+// Close, the destructor and with it exit() only close the child's descriptor of the connection. The
+// parent notices nothing. A child may open a client of its own, also on the same object after
+// Close, when no other thread of its parent was inside the library at the fork. A child forked in a
+// slot must not return from it: it execs or ends. A child whose exec failed ends by _exit.
+//
+// A frame is handed to the socket whole, as far as the socket takes it, and SignalMessage is raised
+// for all frames that one turn of reading has brought (up to 1.6 MB, or one large frame), before
+// anything else happens on the thread.
+//
+// Errors: RPC_ERR_* in bsp/bsp.h. Where nothing else is said: -1 not connected, or the frame could
+// not be sent; -3 no reply in time; -5 no semaphore to wait on; and the err_code of the reply.
 class BSP_EXPORT RpcClient : public sigslot::has_slots<sigslot::single_threaded>,
                              public std::enable_shared_from_this<RpcClient> {
  public:
   // All off by default.
   struct Options {
-    // A lost connection ends waiting calls at once with code -1, raises SignalError once, and makes
-    // IsConnected false. Without it nobody is told, and calls run into their time-outs.
+    // A lost connection ends waiting calls at once with code -1 "connection lost", raises
+    // SignalError once, and makes IsConnected false; Close ends them too. Without it nobody is
+    // told, and calls run into their time-outs.
     bool fail_calls_on_disconnect = false;
+
+    // An exception out of a slot or C handler, or memory that ran out on the client's thread, costs
+    // the connection and a log line. Without it it ends the process.
+    bool contain_failures = false;
   };
 
   // One call in flight.
@@ -62,7 +72,7 @@ class BSP_EXPORT RpcClient : public sigslot::has_slots<sigslot::single_threaded>
 
     RpcHeader* const header;  // the caller's head; takes the err_code of the reply
     std::string& resp;        // the caller's string; takes the payload of a good reply
-    // Written under msg_sem_mutex_, before the semaphore is signalled.
+    // Written before the semaphore is signalled.
     std::atomic<bool> replied{false};
     std::atomic<bool> lost{false};  // the connection is gone
     std::shared_ptr<Semaphore> sem;
@@ -104,11 +114,13 @@ class BSP_EXPORT RpcClient : public sigslot::has_slots<sigslot::single_threaded>
   // is open, so connect before Open then.
   sigslot::signal2<std::shared_ptr<RpcClient>, std::shared_ptr<MSError>> SignalError;
 
-  // Before Open.
+  // For the next Open.
   void SetOptions(const Options& options) { options_ = options; }
 
-  // Connects, blocking, and starts the thread. Code -4 when nobody accepts there. On an open client
-  // it does nothing and succeeds. A failed Open counts as open: Close before the next try.
+  // Connects, blocking, and starts the thread. Code -4 when nobody accepts there; -1 when the
+  // system refuses the loop, the thread, or watching the connection. On an open client it does
+  // nothing and succeeds; on one that a forked child has inherited open it is refused. A failed
+  // Open counts as open, unconnected: Close before the next try.
   std::shared_ptr<MSError> Open(const std::string& host, uint16_t port);
 
   // Ends the thread and the connection, within milliseconds unless a slot runs. Harmless on a
@@ -121,6 +133,10 @@ class BSP_EXPORT RpcClient : public sigslot::has_slots<sigslot::single_threaded>
 
   // True on rpc_cli, that is in a slot: where Close is refused and waiting calls time out.
   bool IsOwnThread() const;
+
+  // In a forked child that has inherited an open client, until Close: the error with which all its
+  // calls end, without a log line. Else null.
+  std::shared_ptr<MSError> CheckProcess() const;
 
   // Does nothing and succeeds: commands are registered by Listen.
   std::shared_ptr<MSError> Register();
@@ -150,8 +166,9 @@ class BSP_EXPORT RpcClient : public sigslot::has_slots<sigslot::single_threaded>
   // connection. For a program that sends and ends.
   std::shared_ptr<MSError> Flush(int timeout_ms);
 
-  // The gate of every frame: stamps magic, pid and size into *header and sends head and payload in
-  // one piece. `payload` may be null with a length of 0.
+  // The gate of every frame: stamps magic, the pid of the calling process and size into *header and
+  // sends head and payload in one piece. `payload` may be null with a length of 0. The head is not
+  // read once the frame may have left.
   std::shared_ptr<MSError> Send(RpcHeader* header, const char* payload, int length);
 
   // Slots of the connection.
@@ -160,42 +177,29 @@ class BSP_EXPORT RpcClient : public sigslot::has_slots<sigslot::single_threaded>
   void TcpHandleError(std::shared_ptr<TcpClient> tcp_client, std::shared_ptr<MSError> error);
 
  private:
-  using WaiterTable = std::map<uint32_t, std::shared_ptr<MsgSem>>;
+  struct Link;    // what lasts from an Open to its Close
+  struct Shared;  // what the threads of one process share
 
-  std::shared_ptr<TcpClient> Connection() const;
-  void SetConnection(std::shared_ptr<TcpClient> client);
+  Shared& Mine() const { return *shared_.load(std::memory_order_acquire); }
+  void Renew();
+  std::shared_ptr<MSError> StartThread(const std::shared_ptr<Link>& link);
   void LeaveOwnThread();
 
   RpcHeader NewHead(int type, const char* cmd);
-  const char* Framed(const RpcHeader& header, const char* payload, size_t length);
+  std::shared_ptr<MSError> CheckCanCall() const;
   std::shared_ptr<MSError> CheckCanAsk(const std::string& cmd) const;
   std::shared_ptr<MSError> AskWithRecord(int frame_type, const std::string& cmd, int type,
                                          int power, std::string& response);
-  static std::shared_ptr<MSError> RefuseUnconnected();
 
-  void ReportUnreadable(const std::shared_ptr<RpcClient>& self);
-  void TakeReply(const RpcHeader* head, std::string* payload);
-  void EnterWaiter(const std::shared_ptr<MsgSem>& waiter);
-  void LeaveWaiter(const std::shared_ptr<MsgSem>& waiter);
-
-  std::atomic<uint32_t> seq_{1};
-  std::shared_ptr<EventLoop> loop_;
-  std::shared_ptr<TcpClient> client_;  // guarded by client_mutex_
-  std::shared_ptr<EventService> evt_srv_;
-  std::mutex send_mutex_;       // guards send_buf_ and the order of frames on the connection
-  std::vector<char> send_buf_;  // the outgoing small frame; never shrinks
-  const std::shared_ptr<FrameMemory> recv_buf_;  // the frame being handled; rpc_cli thread
-  std::shared_ptr<ReplyStore> store_;
-  std::shared_ptr<FrameInput> input_;
-  std::mutex msg_sem_mutex_;  // guards msg_sems_ and what follows, and writes into a waiter
-  WaiterTable msg_sems_;      // calls in flight, by seq
-  std::vector<WaiterTable::node_type> spare_nodes_;  // so that a call allocates none
-  std::atomic<bool> is_lost_{false};                 // written under msg_sem_mutex_
-  std::shared_ptr<SemaphorePool> sem_pool_;          // set by the first Open
-
-  int32_t pid_ = -1;  // taken by Open: a system call less a frame
+  // The owner's.
   Options options_;
-  mutable std::mutex client_mutex_;  // a leaf, held to copy the pointer
+
+  // Any thread. Runs on over Close and Open.
+  std::atomic<uint32_t> seq_{1};
+
+  // Never null, and ours. A forked child exchanges it, with release, when it closes what it has
+  // inherited or opens a client that its parent had closed; all else in it has locks of its own.
+  std::atomic<Shared*> shared_;
 };
 
 }  // namespace bsp
