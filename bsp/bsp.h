@@ -202,7 +202,10 @@ enum {
 // Flags of rpc_client_c_open_v2.
 enum {
   // A lost connection ends waiting calls at once with -1, and rpc_client_c_is_connected tells it.
-  RPC_OPEN_FAIL_CALLS_ON_DISCONNECT = 1
+  RPC_OPEN_FAIL_CALLS_ON_DISCONNECT = 1,
+  // An exception out of a handler, or memory that ran out on the handle's thread, costs the
+  // connection and a log line instead of the process.
+  RPC_OPEN_CONTAIN_FAILURES = 2
 };
 
 #ifdef __cplusplus
@@ -217,6 +220,11 @@ extern "C" {
 // empty answer; below 0, a failure code. For a message it has no effect.
 typedef int (*RpcClientHandler)(const char* action, const char* req, int req_len, char* resp,
                                 int resp_max);
+
+// A forked child that has inherited a handle must not use it: every call fails with -1 and a line
+// on standard output, rpc_client_c_close only closes the child's descriptor, and the parent goes on
+// undisturbed. The child may open a handle of its own. If it was to exec and that failed, it ends
+// by _exit.
 
 // Connects to the broker and starts the thread of the handle. Null on failure, which is logged.
 // Nothing reconnects: close and open again, and listen again.
@@ -234,6 +242,10 @@ BSP_EXPORT void rpc_client_c_close(void* rpc_cli);
 BSP_EXPORT int rpc_client_c_is_connected(void* rpc_cli);
 
 // The calls below return -1 for a null handle and on failure, with a log line. Any thread.
+
+// Why the calling thread's last call here that failed, with -1 or null, did so: RPC_ERR_*, or the
+// negative code that a listener answered. As with errno, a call that succeeds does not change it.
+BSP_EXPORT int rpc_client_c_last_error(void);
 
 // Registers a handler for a command; `type` is its kind, `power` a level that the bus stores and
 // tells. Waits up to 5 s. The later handler of one command counts. `user_data` is kept and shown by

@@ -2,11 +2,16 @@
 // caller hands in, and let no exception out.
 #include "bsp/net/rpc/rpc_client_c.h"
 
+#include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <exception>
+#include <iterator>
+#include <mutex>
 #include <string_view>
 #include <utility>
 
+#include "bsp/base/process.h"
 #include "bsp/log/log.h"
 
 namespace {
@@ -20,7 +25,9 @@ std::shared_ptr<MSError> Passed(const std::shared_ptr<MSError>& error, int line)
   return MSError::Wrapf(error, "%s", "")->SetTracePoint(BSP_FILE, line);
 }
 
-std::shared_ptr<MSError> NotInit() { return BSP_NEW_ERROR(-1, "rpc client is not init"); }
+std::shared_ptr<MSError> NotInit() {
+  return BSP_NEW_ERROR(RPC_ERR_FAILED, "rpc client is not init");
+}
 
 // The name under which frames for `cmd` come in.
 std::string TravellingName(const char* cmd) {
@@ -33,10 +40,10 @@ std::string TravellingName(const char* cmd) {
 
 RpcClientC::RpcClientC() = default;
 
-RpcClientC::~RpcClientC() {
-  if (rpc_client_ == nullptr) return;
-  rpc_client_->Close();
-  rpc_client_.reset();
+RpcClientC::~RpcClientC() { Stop(); }
+
+void RpcClientC::Stop() {
+  if (rpc_client_ != nullptr) rpc_client_->Close();
 }
 
 std::shared_ptr<MSError> RpcClientC::Start(const std::string& host, int port) {
@@ -46,13 +53,13 @@ std::shared_ptr<MSError> RpcClientC::Start(const std::string& host, int port) {
 std::shared_ptr<MSError> RpcClientC::Start(const std::string& host, int port,
                                            const bsp::RpcClient::Options& options) {
   if (port < 1 || port > 65535) {
-    return BSP_NEW_ERROR(-1, "port %d is not one of 1 to 65535", port);
+    return BSP_NEW_ERROR(RPC_ERR_FAILED, "port %d is not one of 1 to 65535", port);
   }
   rpc_client_ = std::make_shared<bsp::RpcClient>();
   rpc_client_->SetOptions(options);
   // Pages that no handler writes to never cost memory, nor a short-lived program time.
   resp_buf_.reset(static_cast<char*>(calloc(1, kRespMax)));
-  if (resp_buf_ == nullptr) return BSP_NEW_ERROR(-1, "no memory for the response buffer");
+  if (resp_buf_ == nullptr) return BSP_NEW_ERROR(RPC_ERR_FAILED, "no memory for the answers");
   // Before the thread exists: the loss of a connection may be told as soon as it runs.
   rpc_client_->SignalMessage.connect(this, &RpcClientC::HandleMessage);
   rpc_client_->SignalError.connect(this, &RpcClientC::HandleError);
@@ -62,16 +69,37 @@ std::shared_ptr<MSError> RpcClientC::Start(const std::string& host, int port,
 std::shared_ptr<MSError> RpcClientC::Listen(const char* cmd, int type, int power,
                                             RpcClientHandler handler, void* user_data) {
   if (rpc_client_ == nullptr) return NotInit();
-  const auto error = rpc_client_->Listen(cmd, type, power);
-  if (error != kOk) return Passed(error, __LINE__);
-  size_t count = 0;
-  {
-    const std::lock_guard<std::mutex> lock(handlers_mutex_);
-    handlers_[TravellingName(cmd)] = {handler, user_data};
-    count = handlers_.size();
+  auto error = CheckProcess();
+  if (error != kOk) return error;
+  const std::string name = TravellingName(cmd);
+  const uint64_t listen = Enter(name, {handler, user_data});
+  try {
+    error = rpc_client_->Listen(cmd, type, power);
+  } catch (...) {  // memory ran out
+    Settle(name, listen, false);
+    throw;
   }
+  const size_t count = Settle(name, listen, error == kOk);
+  if (error != kOk) return Passed(error, __LINE__);
   BSP_LOG_DEBUG(MOD_BSP, "rpc client had register cmd count %d", static_cast<int>(count));
   return kOk;
+}
+
+uint64_t RpcClientC::Enter(const std::string& cmd, const MsgProcInfo& handler) {
+  const std::lock_guard<bsp::PiMutex> lock(handlers_mutex_);
+  handlers_.insert({cmd, {++last_listen_, handler}});
+  return last_listen_;
+}
+
+size_t RpcClientC::Settle(const std::string& cmd, uint64_t listen, bool is_registered) {
+  const std::lock_guard<bsp::PiMutex> lock(handlers_mutex_);
+  const auto [first, end] = handlers_.equal_range(cmd);
+  const auto own =
+      std::find_if(first, end, [=](const auto& entry) { return entry.second.listen == listen; });
+  if (own != end) {  // else a later Listen was answered earlier
+    handlers_.erase(is_registered ? first : own, is_registered ? own : std::next(own));
+  }
+  return handlers_.size();
 }
 
 std::shared_ptr<MSError> RpcClientC::CheckCmdPower(const char* cmd, int& type, int& power) {
@@ -105,24 +133,28 @@ bool RpcClientC::IsOwnThread() const {
   return rpc_client_ != nullptr && rpc_client_->IsOwnThread();
 }
 
+std::shared_ptr<MSError> RpcClientC::CheckProcess() const {
+  if (rpc_client_ == nullptr) return kOk;
+  return Passed(rpc_client_->CheckProcess(), __LINE__);
+}
+
 bool RpcClientC::IsConnected() const {
   return rpc_client_ != nullptr && rpc_client_->IsConnected();
 }
 
 void RpcClientC::Dump() {
-  const std::lock_guard<std::mutex> lock(handlers_mutex_);
+  const std::lock_guard<bsp::PiMutex> lock(handlers_mutex_);
   BSP_LOG_DEBUG(MOD_BSP, "rpc client listen %d cmds", static_cast<int>(handlers_.size()));
-  for (const auto& entry : handlers_) {
-    BSP_LOG_DEBUG(MOD_BSP, "rpc client register action: %s, func: %p, user_data: %p",
-                  entry.first.c_str(), reinterpret_cast<void*>(entry.second.func),
-                  entry.second.user_data);
+  for (const auto& [cmd, entry] : handlers_) {
+    BSP_LOG_DEBUG(MOD_BSP, "rpc client register action: %s, func: %p, user_data: %p", cmd.c_str(),
+                  reinterpret_cast<void*>(entry.handler.func), entry.handler.user_data);
   }
 }
 
 RpcClientHandler RpcClientC::HandlerOf(const char (&cmd)[64]) {
-  const std::lock_guard<std::mutex> lock(handlers_mutex_);
-  const auto found = handlers_.find(bsp::RpcCmdText(cmd));
-  return found == handlers_.end() ? nullptr : found->second.func;
+  const std::lock_guard<bsp::PiMutex> lock(handlers_mutex_);
+  const auto [first, end] = handlers_.equal_range(bsp::RpcCmdText(cmd));
+  return first == end ? nullptr : std::prev(end)->second.handler.func;
 }
 
 void RpcClientC::HandleMessage(std::shared_ptr<bsp::RpcClient> client, RpcHeader* head) {
@@ -154,6 +186,19 @@ void RpcClientC::HandleError(std::shared_ptr<bsp::RpcClient>, std::shared_ptr<MS
 
 namespace {
 
+thread_local int t_last_error = 0;
+
+// The result of a call that fails with this code.
+int Failed(int code) {
+  t_last_error = code;
+  return -1;
+}
+
+int Refuse(const char* what) {
+  BSP_LOG_ERROR(MOD_BSP, "rpc client call refused: %s", what);
+  return Failed(RPC_ERR_FAILED);
+}
+
 // Runs `work` and gives its result, or `failed` when it threw: memory or threads ran out.
 template <class Result, class Work>
 Result Guarded(Result failed, const Work& work) noexcept {
@@ -164,26 +209,38 @@ Result Guarded(Result failed, const Work& work) noexcept {
   } catch (...) {
     BSP_LOG_ERROR(MOD_BSP, "rpc client failed");
   }
+  Failed(RPC_ERR_FAILED);
   return failed;
 }
 
-// The object behind a handle; null, with a log line, for a null handle.
-RpcClientC* ClientOf(void* rpc_cli) {
-  if (rpc_cli == nullptr) BSP_LOG_ERROR(MOD_BSP, "rpc client is not init");
-  return static_cast<RpcClientC*>(rpc_cli);
+// False, with a line, in a forked child for a handle that its parent opened. The line does not go
+// through the log, whose clock may be behind a lock that nobody in the child gives back.
+bool IsOfThisProcess(const RpcClientC* client) {
+  return Guarded(false, [=] {
+    const auto error = client->CheckProcess();
+    if (error != kOk) printf("rpc client call refused: %s\n", error->Message().c_str());
+    return error == kOk;
+  });
 }
 
-int Refuse(const char* what) {
-  BSP_LOG_ERROR(MOD_BSP, "rpc client call refused: %s", what);
-  return -1;
+// The object behind a handle; null, with a line, for a null handle and where IsOfThisProcess.
+RpcClientC* ClientOf(void* rpc_cli) {
+  if (rpc_cli == nullptr) BSP_LOG_ERROR(MOD_BSP, "rpc client is not init");
+  auto* const client = static_cast<RpcClientC*>(rpc_cli);
+  if (client != nullptr && IsOfThisProcess(client)) return client;
+  Failed(RPC_ERR_FAILED);
+  return nullptr;
 }
 
 }  // namespace
 
+int rpc_client_c_last_error(void) { return t_last_error; }
+
 void* rpc_client_c_open(const char* host, int port) { return rpc_client_c_open_v2(host, port, 0); }
 
 void* rpc_client_c_open_v2(const char* host, int port, int flags) {
-  if (host == nullptr || (flags & ~RPC_OPEN_FAIL_CALLS_ON_DISCONNECT) != 0) {
+  constexpr int kFlags = RPC_OPEN_FAIL_CALLS_ON_DISCONNECT | RPC_OPEN_CONTAIN_FAILURES;
+  if (host == nullptr || (flags & ~kFlags) != 0) {
     Refuse(host == nullptr ? "host is null" : "unknown flag");
     return nullptr;
   }
@@ -191,9 +248,11 @@ void* rpc_client_c_open_v2(const char* host, int port, int flags) {
     auto client = std::make_unique<RpcClientC>();
     bsp::RpcClient::Options options;
     options.fail_calls_on_disconnect = (flags & RPC_OPEN_FAIL_CALLS_ON_DISCONNECT) != 0;
+    options.contain_failures = (flags & RPC_OPEN_CONTAIN_FAILURES) != 0;
     const auto error = client->Start(host, port, options);
     if (error != kOk) {
       BSP_LOG_ERROR(MOD_BSP, "rpc client open failed, host: %s, port: %d", host, port);
+      Failed(error->ErrorCode());
       return nullptr;
     }
     BSP_LOG_DEBUG(MOD_BSP, "rpc client init success, host: %s, port: %d", host, port);
@@ -208,15 +267,21 @@ void rpc_client_c_close(void* rpc_cli) {
     Refuse("close from a handler of the same handle");
     return;
   }
-  Guarded(0, [&] {
-    delete client;
+  Guarded(0, [=] {
+    const bool is_inherited = client->CheckProcess() != kOk;
+    client->Stop();
+    if (is_inherited) {
+      bsp::KeepForGood(client);
+    } else {
+      delete client;
+    }
     return 0;
   });
 }
 
 int rpc_client_c_is_connected(void* rpc_cli) {
-  RpcClientC* client = ClientOf(rpc_cli);
-  return client != nullptr && client->IsConnected() ? 1 : 0;
+  if (rpc_cli == nullptr) Refuse("rpc client is not init");
+  return rpc_cli != nullptr && static_cast<RpcClientC*>(rpc_cli)->IsConnected() ? 1 : 0;
 }
 
 int rpc_client_c_listen_v1(void* rpc_cli, const char* cmd, int type, int power,
@@ -230,7 +295,7 @@ int rpc_client_c_listen_v1(void* rpc_cli, const char* cmd, int type, int power,
     if (error == kOk) return 0;
     BSP_LOG_ERROR(MOD_BSP, "rpc client listen failed err: %d, cmd: %s, type: %d",
                   error->ErrorCode(), cmd, type);
-    return -1;
+    return Failed(error->ErrorCode());
   });
 }
 
@@ -245,7 +310,7 @@ int rpc_client_c_check_cmd_power(void* rpc_cli, const char* cmd) {
     if (error == kOk) return power;
     BSP_LOG_ERROR(MOD_BSP, "rpc client check cmd power failed err: %d, cmd: %s", error->ErrorCode(),
                   cmd);
-    return -1;
+    return Failed(error->ErrorCode());
   });
 }
 
@@ -265,7 +330,7 @@ int rpc_client_c_send_request(void* rpc_cli, const char* cmd, const char* req, i
       BSP_LOG_ERROR(MOD_BSP,
                     "rpc client send request failed err: %d, cmd: %s, req: %s, timeout_ms: %d",
                     error->ErrorCode(), cmd, request.c_str(), timeout_ms);
-      return -1;
+      return Failed(error->ErrorCode());
     }
     const size_t length = response.size();
     if (resp != nullptr && length > 0 && length < static_cast<size_t>(resp_size)) {
@@ -286,7 +351,7 @@ int rpc_client_c_send_message(void* rpc_cli, const char* cmd, const char* messag
     const auto error = client->SendMessage(cmd, text);
     if (error == kOk) return 0;
     BSP_LOG_ERROR(MOD_BSP, "rpc client send message failed, cmd: %s", cmd);
-    return -1;
+    return Failed(error->ErrorCode());
   });
 }
 
@@ -297,7 +362,7 @@ int rpc_client_c_flush(void* rpc_cli, int timeout_ms) {
     const auto error = client->Flush(timeout_ms);
     if (error == kOk) return 0;
     BSP_LOG_ERROR(MOD_BSP, "rpc client flush failed err: %d", error->ErrorCode());
-    return -1;
+    return Failed(error->ErrorCode());
   });
 }
 
@@ -306,7 +371,9 @@ int rpc_client_c_send_reply(void* rpc_cli, const RpcHeader* head, const char* da
   if (client == nullptr) return -1;
   return Guarded(-1, [&] {
     const auto error = client->SendReplay(head, data, length);
-    return error == kOk ? 0 : error->ErrorCode();
+    if (error == kOk) return 0;
+    Failed(error->ErrorCode());
+    return error->ErrorCode();
   });
 }
 
@@ -315,5 +382,6 @@ void rpc_client_c_dump(void* rpc_cli) {
     BSP_LOG_ERROR(MOD_BSP, "param rpc_cli is null");
     return;
   }
-  static_cast<RpcClientC*>(rpc_cli)->Dump();
+  auto* const client = static_cast<RpcClientC*>(rpc_cli);
+  if (IsOfThisProcess(client)) client->Dump();
 }

@@ -2,22 +2,23 @@
 #ifndef BSP_NET_RPC_RPC_CLIENT_C_H_
 #define BSP_NET_RPC_RPC_CLIENT_C_H_
 
+#include <cstdint>
 #include <cstdlib>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "bsp/base/error.h"
 #include "bsp/base/macros.h"
+#include "bsp/base/pi_mutex.h"
 #include "bsp/bsp.h"
 #include "bsp/net/rpc/rpc_client.h"
 
 // An RpcClient, a handler a command, and one response buffer for all of them. Failures of the
 // client are passed on wrapped, with their code.
 //
-// Threads: as RpcClient. Handlers run on its thread, one at a time.
+// Threads and forks: as RpcClient. Handlers run on its thread, one at a time.
 class BSP_EXPORT RpcClientC : public sigslot::has_slots<sigslot::single_threaded> {
  public:
   struct MsgProcInfo {
@@ -26,7 +27,7 @@ class BSP_EXPORT RpcClientC : public sigslot::has_slots<sigslot::single_threaded
   };
 
   RpcClientC();
-  // Ends the thread first, so that no handler runs when the rest goes.
+  // Stops.
   ~RpcClientC() override;
   RpcClientC(const RpcClientC&) = delete;
   RpcClientC& operator=(const RpcClientC&) = delete;
@@ -35,6 +36,11 @@ class BSP_EXPORT RpcClientC : public sigslot::has_slots<sigslot::single_threaded
   std::shared_ptr<MSError> Start(const std::string& host, int port,
                                  const bsp::RpcClient::Options& options);
 
+  // Ends the thread and the connection, so that no handler runs when the rest goes.
+  void Stop();
+
+  // The handler is called from the first request on, which may come before this returns; when it
+  // fails, the one that was there before is called again.
   std::shared_ptr<MSError> Listen(const char* cmd, int type, int power, RpcClientHandler handler,
                                   void* user_data);
   std::shared_ptr<MSError> CheckCmdPower(const char* cmd, int& type, int& power);
@@ -45,6 +51,7 @@ class BSP_EXPORT RpcClientC : public sigslot::has_slots<sigslot::single_threaded
   std::shared_ptr<MSError> Flush(int timeout_ms);
   bool IsConnected() const;
   bool IsOwnThread() const;  // in a handler
+  std::shared_ptr<MSError> CheckProcess() const;
   void Dump();
 
   // Slots of the client, on its thread.
@@ -52,15 +59,29 @@ class BSP_EXPORT RpcClientC : public sigslot::has_slots<sigslot::single_threaded
   void HandleError(std::shared_ptr<bsp::RpcClient> client, std::shared_ptr<MSError> error);
 
  private:
+  // Of the Listen with this number.
+  struct Registration {
+    uint64_t listen;
+    MsgProcInfo handler;
+  };
+
+  uint64_t Enter(const std::string& cmd, const MsgProcInfo& handler);
+  // The number of handlers.
+  size_t Settle(const std::string& cmd, uint64_t listen, bool is_registered);
   RpcClientHandler HandlerOf(const char (&cmd)[64]);
 
+  // Constant after Start.
   std::shared_ptr<bsp::RpcClient> rpc_client_;
   struct FreeBuffer {
     void operator()(char* buffer) const { free(buffer); }
   };
-  std::unique_ptr<char, FreeBuffer> resp_buf_;  // zero until used; of the rpc_cli thread
-  std::mutex handlers_mutex_;                   // guards handlers_; not held while a handler runs
-  std::map<std::string, MsgProcInfo, std::less<>> handlers_;  // by the name that travels
+  std::unique_ptr<char, FreeBuffer> resp_buf_;  // zero until used; its bytes are rpc_cli's
+
+  bsp::PiMutex handlers_mutex_;  // guards the fields below; not held while a handler runs
+  // By the name that travels; of equal ones the last counts. There are several while a Listen waits
+  // for the broker's word.
+  std::multimap<std::string, Registration, std::less<>> handlers_;
+  uint64_t last_listen_ = 0;
 };
 
 #endif  // BSP_NET_RPC_RPC_CLIENT_C_H_
