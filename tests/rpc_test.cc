@@ -15,6 +15,7 @@
 #include "bsp/net/rpc/rpc_server.h"
 #include "bsp/util/memory_buffer.h"
 #include "bsp/util/semaphore.h"
+#include "tests/support/child.h"
 #include "tests/support/rpc_peer.h"
 #include "tests/support/test_env.h"
 
@@ -303,13 +304,186 @@ TEST(RpcClient, OpensAndCloses) {
   }
   EXPECT_LT(steady_clock::now() - begin, kUnwoken);
 
-  // Closed, and opened again, under a waiting caller, who ends at its time-out.
-  ASSERT_EQ(open(broker.port), nullptr);
-  RpcPeer peer = broker.Accept();
-  auto call = CallUnanswered(client, &peer, 300);
+  // Closed, and opened again, under a waiting caller, who ends at its time-out or, where that was
+  // asked for, at once.
+  for (const bool is_asked : {false, true}) {
+    RpcClient::Options options;
+    options.fail_calls_on_disconnect = is_asked;
+    client->SetOptions(options);
+    ASSERT_EQ(open(broker.port), nullptr);
+    RpcPeer peer = broker.Accept();
+    auto call = CallUnanswered(client, &peer, is_asked ? 100 * kPatienceMs : 300);
+    client->Close();
+    ASSERT_EQ(open(broker.port), nullptr);
+    EXPECT_EQ(call.get(), is_asked ? -1 : -3);
+    RpcPeer next = broker.Accept();
+    EXPECT_EQ(CallUnanswered(client, &next, 50).get(), -3);  // the loss was that of the former
+    client->Close();
+  }
+}
+
+// Callers who go on while the owner closes and opens end in a code each; ThreadSanitizer looks on.
+TEST(RpcClient, ReopensBesideCallers) {
+  NEED_PRIVATE_WORLD();
+  PlayedBroker broker;
+  RpcClient::Options options;
+  options.fail_calls_on_disconnect = true;
+  const auto client = OpenClient(broker.port, options);
+  std::atomic<bool> is_over{false};
+  std::atomic<int> sent{0};
+  std::vector<std::thread> callers;
+  for (int i = 0; i < 3; ++i) {
+    callers.emplace_back([&, i] {
+      while (!is_over) {
+        std::string answer;
+        client->IsConnected();
+        const int code = i == 0
+                             ? CodeOf(client->SendMessage("c", "m"))
+                             : CodeOf(client->SendRequest("c", "r", answer, i == 1 ? 0 : 100000));
+        EXPECT_TRUE(code == 0 || code == -1 || code == -3) << code;
+        if (code != -1) ++sent;
+      }
+    });
+  }
+  for (int round = 0; round < 60; ++round) {
+    RpcPeer peer = broker.Accept();
+    RpcFrame got;
+    EXPECT_TRUE(peer.Read(&got));
+    client->Close();
+    client->SetOptions(options);
+    ASSERT_EQ(client->Open("127.0.0.1", static_cast<uint16_t>(broker.port)), nullptr);
+  }
+  is_over = true;
   client->Close();
-  ASSERT_EQ(open(broker.port), nullptr);
-  EXPECT_EQ(call.get(), -3);
+  for (std::thread& caller : callers) caller.join();
+  EXPECT_GE(sent, 60);
+}
+
+// A head that is still read while its reply is taken in; ThreadSanitizer looks on.
+TEST(RpcClient, LargeCallsSideBySide) {
+  NEED_PRIVATE_WORLD();
+  PlayedBroker broker;
+  const auto client = OpenClient(broker.port);
+  RpcPeer peer = broker.Accept();
+  const auto answering = std::async(std::launch::async, [&] {
+    RpcFrame got;
+    while (peer.Read(&got)) peer.Send(RpcReply(got, -static_cast<int>(got.payload.size()), ""));
+  });
+  std::vector<std::future<void>> callers;
+  for (int i = 0; i < 4; ++i) {
+    callers.push_back(std::async(std::launch::async, [&client, i] {
+      for (int size = 65536 + i; size < 400000; size += 20000) {
+        std::string answer;
+        const std::string request(static_cast<size_t>(size), 'l');
+        EXPECT_EQ(CodeOf(client->SendRequest("c", request, answer, kPatienceMs)), -size);
+      }
+    }));
+  }
+  for (auto& caller : callers) caller.get();
+  client->Close();
+}
+
+#ifdef __SANITIZE_THREAD__
+constexpr bool kForkedMayStartThreads = false;
+#else
+constexpr bool kForkedMayStartThreads = true;
+#endif
+
+// The clients of other processes that a forked child must leave alone.
+std::shared_ptr<RpcClient> g_client;  // destroyed by exit()
+void* g_handle = nullptr;
+
+bool IsRefused(const std::shared_ptr<MSError>& error) {
+  return CodeOf(error) == -1 && error->Message().find("the connection belongs to process " +
+                                                      std::to_string(getppid())) == 0;
+}
+
+// Every call on what the parent has open, in the child.
+int CallsThatAreNotTheChilds() {
+  std::string answer = "before";
+  int type = 0;
+  RpcHeader head = {};
+  const bool is_refused =
+      IsRefused(g_client->Listen("c", RPC_TYPE_REQUEST, 0)) &&
+      IsRefused(g_client->CheckCmdPower("c", type, type)) &&
+      IsRefused(g_client->SendRequest("c", "", answer, kPatienceMs)) &&
+      IsRefused(g_client->SendMessage("c", "")) && IsRefused(g_client->SendReplay(&head, "", 0)) &&
+      IsRefused(g_client->Send(&head, "", 0)) && IsRefused(g_client->Flush(kPatienceMs)) &&
+      IsRefused(g_client->Open("127.0.0.1", 1)) && !g_client->IsConnected();
+  char resp[8];
+  for (const int result :
+       {rpc_client_c_flush(g_handle, kPatienceMs), rpc_client_c_send_message(g_handle, "c", "", 0),
+        rpc_client_c_check_cmd_power(g_handle, "c"),
+        rpc_client_c_send_request(g_handle, "c", "", 0, resp, 8, kPatienceMs),
+        rpc_client_c_send_reply(g_handle, &head, "", 0), rpc_client_c_is_connected(g_handle) - 1}) {
+    if (result != -1) return 2;
+  }
+  rpc_client_c_dump(g_handle);
+  return is_refused ? 0 : 1;
+}
+
+int CloseInherited() {
+  g_client->Close();
+  g_client->Close();
+  rpc_client_c_close(g_handle);
+  std::string answer;
+  return CodeOf(g_client->SendRequest("c", "", answer, kPatienceMs)) == -1 ? 0 : 1;
+}
+
+// What a forked child does with its parent's clients, be it in the middle of their calls, costs the
+// parent nothing, and no lock that was held at the fork holds up the child.
+TEST(RpcClient, ForkedChildTakesNothing) {
+  NEED_PRIVATE_WORLD();
+  PlayedBroker broker;
+  Slots slots;
+  std::atomic<int> messages{0};
+  slots.on_message = [&](const std::shared_ptr<RpcClient>&) { ++messages; };
+  g_client = OpenClient(broker.port);
+  RpcPeer peer = broker.Accept();
+  g_client->SignalMessage.connect(&slots, &Slots::OnMessage);
+  g_handle = rpc_client_c_open("127.0.0.1", broker.port);
+  RpcPeer handle_peer = broker.Accept();
+  auto answering = std::async(std::launch::async, [&] {
+    RpcFrame got;
+    while (peer.Read(&got)) {
+      peer.Send(RpcReply(got, 0, "") + RpcBytes(RPC_TYPE_MESSAGE, 0, "m", ""));
+    }
+  });
+  std::atomic<bool> is_over{false};
+  std::vector<std::thread> callers;
+  for (int i = 0; i < 2; ++i) {
+    callers.emplace_back([&] {
+      while (!is_over) EXPECT_EQ(CodeOf(g_client->Flush(kPatienceMs)), 0);
+    });
+  }
+  const std::function<int()> ways[] = {[] { return exit(0), 1; }, CloseInherited,
+                                       CallsThatAreNotTheChilds,
+                                       [] {
+                                         g_client.reset();
+                                         return 0;
+                                       }};
+  for (int round = 0; round < 40; ++round) {
+    test::Child child = test::Child::Fork(ways[round % 4]);
+    ASSERT_EQ(child.Wait(), 0) << round << child.output();
+  }
+  is_over = true;
+  for (std::thread& caller : callers) caller.join();
+  const int before = messages;
+  EXPECT_EQ(g_client->Flush(kPatienceMs), nullptr);
+  EXPECT_TRUE(Await([&] { return messages > before; }));
+
+  // What the child has closed does not hold the connection open.
+  test::Child child = test::Child::Fork([] {
+    CloseInherited();
+    puts("closed");
+    return pause();
+  });
+  ASSERT_TRUE(child.WaitForLine("closed"));
+  g_client->Close();
+  rpc_client_c_close(g_handle);
+  answering.get();
+  EXPECT_TRUE(peer.IsClosedByPeer() && handle_peer.IsClosedByPeer());
+  g_client.reset();
 }
 
 // A slot may try to close, and may drop the last pointer to its client; so may anyone, under
@@ -414,6 +588,39 @@ TEST(RpcClientC, HandlerResultsReachTheCaller) {
   rpc_client_c_dump(listener);
   rpc_client_c_close(caller);
   rpc_client_c_close(listener);
+}
+
+// A request that comes right behind the word of the broker finds its handler; a Listen that fails
+// leaves the handlers as they were.
+TEST(RpcClientC, HandlerIsThereWithTheRegistration) {
+  NEED_PRIVATE_WORLD();
+  PlayedBroker broker;
+  void* const handle = rpc_client_c_open("127.0.0.1", broker.port);
+  RpcPeer peer = broker.Accept();
+  RpcFrame got;
+  const auto listen = [&](const std::string& cmd, RpcClientHandler handler, int code,
+                          const std::string& behind) {
+    auto result = std::async(std::launch::async, [&] {
+      const int failed =
+          rpc_client_c_listen_v1(handle, cmd.c_str(), RPC_TYPE_REQUEST, 0, handler, nullptr);
+      return failed == 0 ? 0 : rpc_client_c_last_error();
+    });
+    EXPECT_TRUE(peer.Read(&got) && peer.Send(RpcReply(got, code, "") + behind));
+    return result.get();
+  };
+  for (int round = 0; round < 300; ++round) {
+    const std::string cmd = "c" + std::to_string(round);
+    ASSERT_EQ(listen(cmd, Other, 0, RpcBytes(RPC_TYPE_REQUEST, 7, cmd, "q")), 0);
+    ASSERT_TRUE(peer.Read(&got)) << "no answer to request " << round;
+    ASSERT_EQ(got.head.err_code, -1);
+  }
+  EXPECT_EQ(listen("c0", Echo, RPC_ERR_TAKEN, ""), RPC_ERR_TAKEN);
+  EXPECT_EQ(listen("fresh", Echo, RPC_ERR_BUSY, ""), RPC_ERR_BUSY);
+  peer.Send(RpcBytes(RPC_TYPE_REQUEST, 1, "fresh", "") + RpcBytes(RPC_TYPE_REQUEST, 2, "c0", ""));
+  EXPECT_TRUE(peer.Read(&got));
+  EXPECT_EQ(got.head.seq, 2u);  // nobody answers for the one
+  EXPECT_EQ(got.head.err_code, -1);
+  rpc_client_c_close(handle);
 }
 
 // Nothing that a C caller can hand in crashes or is sent.
