@@ -1,13 +1,20 @@
 // The ends of the bus in this process: the delimiter, the life of the broker object, the client
 // against a broker that the test plays, and the C binding.
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/epoll.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <future>
+#include <new>
+#include <stdexcept>
 #include <thread>
 
 #include "bsp/net/rpc/rpc_client.h"
@@ -393,6 +400,20 @@ constexpr bool kForkedMayStartThreads = true;
 std::shared_ptr<RpcClient> g_client;  // destroyed by exit()
 void* g_handle = nullptr;
 
+// All threads of this name wait for something.
+bool IsThreadAsleep(const std::string& name) {
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::ifstream file(task.path() / "stat");
+    std::string stat;
+    std::getline(file, stat);
+    if (stat.find("(" + name + ") ") != std::string::npos &&
+        stat.find("(" + name + ") S") == std::string::npos) {
+      return false;
+    }
+  }
+  return true;
+}
+
 bool IsRefused(const std::shared_ptr<MSError>& error) {
   return CodeOf(error) == -1 && error->Message().find("the connection belongs to process " +
                                                       std::to_string(getppid())) == 0;
@@ -464,13 +485,31 @@ TEST(RpcClient, ForkedChildTakesNothing) {
                                        }};
   for (int round = 0; round < 40; ++round) {
     test::Child child = test::Child::Fork(ways[round % 4]);
-    ASSERT_EQ(child.Wait(), 0) << round << child.output();
+    EXPECT_EQ(child.Wait(), 0) << round << child.output();
   }
   is_over = true;
   for (std::thread& caller : callers) caller.join();
   const int before = messages;
   EXPECT_EQ(g_client->Flush(kPatienceMs), nullptr);
   EXPECT_TRUE(Await([&] { return messages > before; }));
+
+  // With nothing going on in the parent, a child opens clients of its own, also on the same object.
+  if (kForkedMayStartThreads) {
+    ASSERT_TRUE(Await([] { return IsThreadAsleep("rpc_cli"); }));
+    test::Child child = test::Child::Fork([&] {
+      if (CloseInherited() != 0) return 1;
+      if (g_client->Open("127.0.0.1", static_cast<uint16_t>(broker.port)) != nullptr) return 2;
+      const int code = CodeOf(g_client->Flush(kPatienceMs));
+      g_client->Close();
+      return -code;
+    });
+    RpcPeer own = broker.Accept();
+    RpcFrame got;
+    EXPECT_TRUE(own.Read(&got));
+    EXPECT_EQ(got.head.pid, child.pid());
+    own.Send(RpcReply(got, -7, ""));
+    EXPECT_EQ(child.Wait(), 0) << child.output();
+  }
 
   // What the child has closed does not hold the connection open.
   test::Child child = test::Child::Fork([] {
@@ -484,6 +523,84 @@ TEST(RpcClient, ForkedChildTakesNothing) {
   answering.get();
   EXPECT_TRUE(peer.IsClosedByPeer() && handle_peer.IsClosedByPeer());
   g_client.reset();
+}
+
+#ifndef __SANITIZE_THREAD__  // its own must stay
+bool g_refuses_to_watch = false;
+extern "C" int epoll_ctl(int set, int operation, int fd, struct epoll_event* event) noexcept {
+  if (!g_refuses_to_watch) {
+    return static_cast<int>(syscall(SYS_epoll_ctl, set, operation, fd, event));
+  }
+  errno = ENOSPC;
+  return -1;
+}
+#endif
+
+// An Open that succeeds without anybody who reads the answers.
+TEST(RpcClient, OpenTellsWhatTheSystemRefuses) {
+  if (!kForkedMayStartThreads || test::kSanitizerNeedsDescriptors) GTEST_SKIP() << "sanitizer";
+  NEED_PRIVATE_WORLD();
+  PlayedBroker broker;
+  const auto client = std::make_shared<RpcClient>();
+  const auto open = [&] { return client->Open("127.0.0.1", static_cast<uint16_t>(broker.port)); };
+  pthread_attr_t usual;
+  pthread_getattr_default_np(&usual);
+  pthread_attr_t endless = usual;
+  pthread_attr_setstacksize(&endless, size_t{1} << 46);
+  pthread_setattr_default_np(&endless);
+  const auto no_thread = open();
+  pthread_setattr_default_np(&usual);
+  EXPECT_NE(no_thread->Message().find("rpc_cli gets no thread"), std::string::npos);
+  EXPECT_FALSE(client->IsConnected());
+  client->Close();
+#ifndef __SANITIZE_THREAD__
+  g_refuses_to_watch = true;
+  const auto unwatched = open();
+  g_refuses_to_watch = false;
+  ASSERT_EQ(CodeOf(unwatched), -1);
+  EXPECT_NE(unwatched->Message().find("cannot watch"), std::string::npos);
+  EXPECT_FALSE(client->IsConnected());
+  client->Close();
+#endif
+  EXPECT_EQ(open(), nullptr);
+  EXPECT_TRUE(client->IsConnected());
+}
+
+int Throw(const char*, const char*, int, char*, int) { throw std::runtime_error("a handler"); }
+
+// A slot or handler that throws costs its connection and nothing else, where that was asked for.
+TEST(RpcClient, ContainsFailures) {
+  NEED_PRIVATE_WORLD();
+  PlayedBroker broker;
+  RpcClient::Options options;
+  options.fail_calls_on_disconnect = true;
+  options.contain_failures = true;
+  Slots slots;
+  slots.on_message = [](const std::shared_ptr<RpcClient>&) { throw std::bad_alloc(); };
+  const auto client = OpenClient(broker.port, options, &slots);
+  client->SignalMessage.connect(&slots, &Slots::OnMessage);
+  RpcPeer peer = broker.Accept();
+  auto call = CallUnanswered(client, &peer, 100 * kPatienceMs);
+  ASSERT_TRUE(peer.Send(RpcBytes(RPC_TYPE_MESSAGE, 0, "m", "")));
+  EXPECT_EQ(call.get(), -1);
+  EXPECT_TRUE(Await([&] { return slots.errors == 1; }));
+  EXPECT_TRUE(peer.IsClosedByPeer());
+  client->Close();
+  ASSERT_EQ(client->Open("127.0.0.1", static_cast<uint16_t>(broker.port)), nullptr);
+  RpcPeer next = broker.Accept();
+  EXPECT_EQ(CallUnanswered(client, &next, 50).get(), -3);
+
+  void* const handle = rpc_client_c_open_v2("127.0.0.1", broker.port, RPC_OPEN_CONTAIN_FAILURES);
+  RpcPeer handle_peer = broker.Accept();
+  auto listen = std::async(std::launch::async, [=] {
+    return rpc_client_c_listen_v1(handle, "c", RPC_TYPE_REQUEST, 0, Throw, nullptr);
+  });
+  RpcFrame got;
+  ASSERT_TRUE(handle_peer.Read(&got));
+  handle_peer.Send(RpcReply(got, 0, "") + RpcBytes(RPC_TYPE_REQUEST, 1, "c", ""));
+  listen.wait();
+  EXPECT_TRUE(handle_peer.IsClosedByPeer());
+  rpc_client_c_close(handle);
 }
 
 // A slot may try to close, and may drop the last pointer to its client; so may anyone, under

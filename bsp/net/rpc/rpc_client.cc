@@ -60,14 +60,6 @@ int LengthOf(const std::string& payload) {
   return payload.size() > kMost ? -1 : static_cast<int>(payload.size());
 }
 
-void RunLoop(const RpcClient* client, const std::shared_ptr<EventLoop>& loop) {
-  t_client = client;
-  BSP_LOG_DEBUG(MOD_BSP, "rpc client loop start");
-  loop->Loop();
-  BSP_LOG_DEBUG(MOD_BSP, "rpc client loop end");
-  t_client = nullptr;
-}
-
 // Services whose client was destroyed on their own thread, which then ends by itself.
 class OrphanedServices {
  public:
@@ -115,10 +107,21 @@ struct RpcClient::Link : public sigslot::has_slots<sigslot::single_threaded> {
         options(opened_with),
         store(std::make_shared<ReplyStore>(frame)),
         input(std::make_shared<FrameInput>(store)) {
+    loop->SetContainFailures(options.contain_failures);
     tcp->SetSink(input);
     tcp->SetSendWhole(true);
     tcp->SignalError.connect(this, &Link::OnError);
     tcp->SignalRead.connect(this, &Link::OnRead);
+  }
+
+  // Of a loop that gave up, when failures went on: nobody will read this connection any more.
+  void GiveUp(const std::string& why) {
+    BSP_LOG_ERROR(MOD_BSP, "rpc client closes its connection, failures go on: %s", why.c_str());
+    try {
+      tcp->OnError();
+    } catch (...) {  // the slot that is told of it fails as well
+      tcp->Disconnect();
+    }
   }
 
   // The pointer keeps the client, and with it this object, to the end of the slot. It cannot be had
@@ -190,6 +193,18 @@ struct RpcClient::Shared {
   mutable PiMutex link_mutex;  // a leaf, held to copy or exchange the pointer
   std::shared_ptr<Link> link;
 };
+
+// On rpc_cli. It has the client for comparison only, and the link when that is still there.
+void RpcClient::RunLoop(const RpcClient* client, const std::shared_ptr<EventLoop>& loop,
+                        const std::weak_ptr<Link>& weak_link) {
+  t_client = client;
+  BSP_LOG_DEBUG(MOD_BSP, "rpc client loop start");
+  loop->Loop();
+  BSP_LOG_DEBUG(MOD_BSP, "rpc client loop end");
+  const auto link = weak_link.lock();
+  if (link != nullptr && !loop->FailureText().empty()) link->GiveUp(loop->FailureText());
+  t_client = nullptr;
+}
 
 // ---- The waiter
 
@@ -283,6 +298,13 @@ std::shared_ptr<MSError> RpcClient::Open(const std::string& host, uint16_t port)
     BSP_LOG_ERROR(MOD_BSP, "connect error, ip: %s, port: %d", host.c_str(), port);
     return BSP_NEW_ERROR(RPC_ERR_CONNECT, "connect error, ip: %s, port: %d", host.c_str(), port);
   }
+  if (!link->tcp->IsWatched()) {
+    link->tcp->Disconnect();
+    BSP_LOG_ERROR(MOD_BSP, "cannot watch the connection, ip: %s, port: %d", host.c_str(), port);
+    return BSP_NEW_ERROR(RPC_ERR_FAILED,
+                         "cannot watch the connection, ip: %s, port: %d: the log names the cause",
+                         host.c_str(), port);
+  }
   // A request right behind a message must not wait for the acknowledgement of the message.
   const int on = 1;
   link->tcp->SetOption(IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
@@ -299,7 +321,8 @@ std::shared_ptr<MSError> RpcClient::StartThread(const std::shared_ptr<Link>& lin
   }
   auto error = link->service->Start();
   if (error != kOk) return error;
-  link->service->Post(0, [this, loop = link->loop](Message*) { RunLoop(this, loop); });
+  link->service->Post(0, [this, loop = link->loop, weak_link = std::weak_ptr<Link>(link)](
+                             Message*) { RunLoop(this, loop, weak_link); });
   BSP_LOG_DEBUG(MOD_BSP, "rpc client evt_srv success");
   return kOk;
 }

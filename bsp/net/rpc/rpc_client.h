@@ -14,6 +14,7 @@
 
 namespace bsp {
 
+class EventLoop;
 class MemoryBuffer;
 class Semaphore;
 class TcpClient;
@@ -183,6 +184,8 @@ class BSP_EXPORT RpcClient : public sigslot::has_slots<sigslot::single_threaded>
   Shared& Mine() const { return *shared_.load(std::memory_order_acquire); }
   void Renew();
   std::shared_ptr<MSError> StartThread(const std::shared_ptr<Link>& link);
+  static void RunLoop(const RpcClient* client, const std::shared_ptr<EventLoop>& loop,
+                      const std::weak_ptr<Link>& weak_link);
   void LeaveOwnThread();
 
   RpcHeader NewHead(int type, const char* cmd);
