@@ -181,20 +181,29 @@ enum {
   RPC_TYPE_CHECK_POWER = 103
 };
 
-// What a call can end with beside 0. The numbers of the class RpcClient (MSError::ErrorCode); the
-// functions below return -1 for each of them. Below
-// 0 and not in this list: what the listener answered.
+// What a call can end with beside 0: MSError::ErrorCode of the class RpcClient, and
+// rpc_client_c_last_error behind a -1 or null of the functions below. Behind each: what the caller
+// should do. Any other negative code is what the listener answered; it should keep off these, since
+// a caller cannot tell them apart.
 enum {
-  RPC_ERR_FAILED = -1,     // not connected, or not sent: open anew. Or a bad argument
+  // From the client itself.
+  RPC_ERR_FAILED = -1,   // not connected, connection lost, not sent, or a bad argument, as the text
+                         // says: close, open, listen anew, or mend the call. In a forked child: the
+                         // client is the parent's, open another
+  RPC_ERR_TIMEOUT = -3,  // no answer in time; the listener may have run, or still run: ask again
+                         // only what may be done twice
+  RPC_ERR_CONNECT = -4,  // nobody accepts at that address: is a broker running there?
+  RPC_ERR_NO_WAIT = -5,  // nothing to wait on: no memory, or a client that was never opened
+
+  // From the broker.
   RPC_ERR_NOT_FOUND = -2,  // nobody listens to the command: try again when its module is up
-  RPC_ERR_TIMEOUT = -3,    // no answer in time; the listener may still run
-  RPC_ERR_CONNECT = -4,    // nobody accepts at that address: is a broker running there?
-  RPC_ERR_NO_WAIT = -5,    // nothing to wait on, for want of memory
-  RPC_ERR_TAKEN = -6,      // a REQUEST command has its listener already
+  RPC_ERR_TAKEN = -6,      // of a listen: the REQUEST command has its listener; try again when that
+                           // is gone, or take another name
 
   // From a bsp-broker with its additions, and from clients with options.
   RPC_ERR_BUSY = -1001,           // refused by a limit, before the listener saw it: try again later
-  RPC_ERR_LISTENER_GONE = -1002,  // the listener went with the call: it may have run, or in part
+  RPC_ERR_LISTENER_GONE = -1002,  // the listener went with the call: it may have run, or in part;
+                                  // ask again, when its module is up, what may be done twice
   RPC_ERR_DENIED = -1003,         // the broker's rights forbid it: trying again is in vain
   RPC_ERR_DOWN = -1004            // no connection now: a session makes a new one by itself
 };
@@ -241,11 +250,12 @@ BSP_EXPORT void rpc_client_c_close(void* rpc_cli);
 // 1 while connected, else 0. Without RPC_OPEN_FAIL_CALLS_ON_DISCONNECT it speaks of this end only.
 BSP_EXPORT int rpc_client_c_is_connected(void* rpc_cli);
 
-// The calls below return -1 for a null handle and on failure, with a log line. Any thread.
-
-// Why the calling thread's last call here that failed, with -1 or null, did so: RPC_ERR_*, or the
-// negative code that a listener answered. As with errno, a call that succeeds does not change it.
+// Why the calling thread's last call on a handle that failed, with -1 or null, did so: RPC_ERR_*,
+// or the negative code that a listener answered. As with errno, a call that succeeds does not
+// change it.
 BSP_EXPORT int rpc_client_c_last_error(void);
+
+// The calls below return -1 for a null handle and on failure, with a log line. Any thread.
 
 // Registers a handler for a command; `type` is its kind, `power` a level that the bus stores and
 // tells. Waits up to 5 s. The later handler of one command counts. `user_data` is kept and shown by

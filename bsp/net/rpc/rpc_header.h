@@ -22,7 +22,7 @@ struct RpcHeader {
   int32_t type;       // RPC_TYPE_*
   uint32_t seq;       // given by the client that starts the exchange; a reply carries its request's
   int32_t pid;        // process id of the client that wrote the frame; a claim, never proven
-  int32_t err_code;   // outcome in a reply, 0 in all other frames
+  int32_t err_code;   // outcome in a reply, 0 in all other frames; the codes are told below
   int64_t cli_hdl;    // set by the broker: its descriptor of the requester's connection
   int64_t timestamp;  // TimeUtil::ClockMillis of the sender; no reader acts on it
   char cmd[64];       // name of the command, zero-terminated; a reader trusts no terminator
@@ -34,6 +34,11 @@ struct RpcListenRecord {
   int32_t type;   // kind of the command: RPC_TYPE_REQUEST or RPC_TYPE_MESSAGE; -1 in a question
   int32_t power;  // right level: stored and told, with no meaning to the bus; -1 in a question
 };
+
+// Codes that travel in err_code. The broker writes RPC_ERR_NOT_FOUND and RPC_ERR_TAKEN, with its
+// limits RPC_ERR_FAILED and RPC_ERR_BUSY, with its table of calls RPC_ERR_LISTENER_GONE, with its
+// rights RPC_ERR_DENIED; a listener what its handler returned below 0. The other RPC_ERR_* arise in
+// the client. What each asks of the caller stands at the enum in bsp/bsp.h.
 
 #define RPC_MAGIC 0xabcd1234u
 
