@@ -355,6 +355,8 @@ TEST(TcpClient, FullSocketKeepsTheStream) {
       ASSERT_TRUE(client->Send(&data[at], head, &data[at] + head, length - head));
       at += length;
     }
+    const auto end = steady_clock::now() + kPatience;
+    while (client->SendBacklog() == 0 && steady_clock::now() < end) std::this_thread::yield();
     EXPECT_GT(client->SendBacklog(), 0u);
     EXPECT_TRUE(Read(pair.second, data.size()) == data);
     EXPECT_EQ(client->SendBacklog(), 0u);
