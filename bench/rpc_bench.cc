@@ -38,8 +38,10 @@ constexpr int kTurns = 7;
 std::string BrokerPath() { return BSP_BENCH_BIN_DIR "/bsp-broker"; }
 
 // The broker as a program, as its users start it.
-std::vector<std::string> BrokerArgs(int port) {
-  return {BrokerPath(), "--port", std::to_string(port)};
+std::vector<std::string> BrokerArgs(int port, bool is_stock) {
+  std::vector<std::string> args = {BrokerPath(), "--port", std::to_string(port)};
+  if (is_stock) args.push_back("--stock");
+  return args;
 }
 
 std::shared_ptr<bsp::RpcClient> OpenClient(int port) {
@@ -83,9 +85,10 @@ void AwaitReady(int count) {
 
 // A broker program and its listeners, in processes of their own.
 struct Bus {
-  Bus(bool is_pinned, int listeners, int more_commands = 0) : port(bench::NewPort()) {
+  Bus(bool is_pinned, int listeners, int more_commands = 0, bool is_stock = false)
+      : port(bench::NewPort()) {
     TheBoard().ready = 0;
-    broker = std::make_unique<Process>(is_pinned, BrokerArgs(port));
+    broker = std::make_unique<Process>(is_pinned, BrokerArgs(port, is_stock));
     bench::AwaitPort(port);
     for (int i = 0; i < listeners; ++i) {
       processes.push_back(
@@ -203,6 +206,20 @@ void MessageBeforeCall() {
                 bench::Median(without), "us", Target::RatioAtMost(2));
 }
 
+// Accounts, calls in flight and the rest, beside a broker without any of it.
+void Additions() {
+  const Bus bus(true, 1);
+  const Bus stock(true, 1, 0, true);
+  std::vector<double> with;
+  std::vector<double> without;
+  for (int turn = 0; turn < 3 * kTurns; ++turn) {
+    with.push_back(MeasureBus(bus, Load()).p50_us);
+    without.push_back(MeasureBus(stock, Load()).p50_us);
+  }
+  bench::AddRow("call of 32 B, p50, 1 core (limit: --stock)", bench::Median(with),
+                bench::Median(without), "us", Target::RatioAtMost(1.02));
+}
+
 double SecondsSince(Clock::time_point begin) {
   return std::chrono::duration<double>(Clock::now() - begin).count();
 }
@@ -239,7 +256,14 @@ void Allocations() {
   TheBoard().ready = 0;
   Process broker(bench::kBroker, false, [&] {
     g_log_level = BSP_LEVEL_CRIT;
-    bsp::RpcServer server;
+    bsp::RpcServer::Options options;  // those of the program that take part in a call
+    options.contain_failures = true;
+    options.track_calls = true;
+    options.max_calls = 4096;
+    options.patience_ms = 2000;
+    options.max_backlog_bytes = size_t{8} << 20;
+    options.max_memory_bytes = size_t{40} << 20;
+    bsp::RpcServer server(options);
     server.Start("127.0.0.1", port);
     pause();
   });
@@ -390,6 +414,7 @@ void RegisterBenchmarks() {
   if (const char* port = getenv("BSP_BENCH_ONE_SHOT")) RunOneShot(port);
   Register("latency", [] { OneCaller(true); });
   Register("latency", [] { OneCaller(false); });
+  Register("additions", Additions);
   Register("callers 8", [] { ManyCallers(8, 1, false, 0); });
   for (const bool is_pinned : {true, false}) {
     Register("callers 64/1", [=] { ManyCallers(64, 1, is_pinned, 0.75); });

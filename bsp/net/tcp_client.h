@@ -53,7 +53,7 @@ class BSP_EXPORT ByteSink {
 // to the owner and come before the loop sees the socket, or run on the loop's thread. Options are
 // set before the first Connect or UpdateSocket.
 //
-// Forks: in a child of the process that made it, Send is refused with a log line, and Disconnect
+// Forks: in a child of the process that made it, Send is refused without a word, and Disconnect
 // and the destructor only close the descriptor: the connection and its place in the epoll set are
 // the parent's.
 class BSP_EXPORT TcpClient : public EventHandler, public std::enable_shared_from_this<TcpClient> {

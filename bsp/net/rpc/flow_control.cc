@@ -3,6 +3,7 @@
 // it needs a destination that reads, and what the sender has sent already must be within its share.
 #include "bsp/net/rpc/flow_control.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "bsp/net/event_loop.h"
@@ -137,6 +138,8 @@ void FlowControl::RetryAll() {
 
 void FlowControl::Forget(RpcAgent* agent) {
   if (agent->backlog.IsStuck()) --stuck_count_;
+  const auto is_agent = [agent](const auto& waiting) { return waiting.get() == agent; };
+  waiting_.erase(std::remove_if(waiting_.begin(), waiting_.end(), is_agent), waiting_.end());
   Retry();  // for its destination, or for the memory
 }
 

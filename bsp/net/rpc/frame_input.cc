@@ -20,13 +20,6 @@ constexpr size_t kApartMost = size_t{16} * 1024 * 1024;
 // what it took of it has to be copied.
 constexpr size_t kSmallRead = size_t{16} * 1024;
 
-// For bytes that are thrown away.
-char* WasteArea(size_t* room) {
-  static thread_local char area[kSmallRead];
-  *room = std::min(*room, sizeof area);
-  return area;
-}
-
 }  // namespace
 
 // ---- FrameMemory
@@ -174,9 +167,9 @@ char* FrameInput::Room(const std::shared_ptr<MemoryBuffer>& buffer, size_t* room
         if (!StartLarge(buffer)) return nullptr;
     }
   }
-  if (skip_ > 0) {
-    *room = skip_;
-    return WasteArea(room);
+  if (skip_ > 0) {  // into the place of small frames, of which none is in hand
+    *room = std::min(skip_, kSmallRead);
+    return store_->Small(kSmallRead);
   }
   *room = large_size_ - large_held_;  // 0: a whole one that nobody has taken yet
   return *room > 0 ? large_ + large_held_ : nullptr;

@@ -170,7 +170,10 @@ void RpcServer::Stop() {
   loop_.reset();
   server_.reset();
   for (const auto& entry : clients_) {
+    entry.second->is_dropped = true;  // nobody is told of anybody's end
     if (entry.second->client != nullptr) entry.second->client->Disconnect();
+  }
+  for (const auto& entry : clients_) {
     ForgetCalls(entry.second.get());
     entry.second->account.Close();
     entry.second->account.Set(PeerAccount::kCommands, 0);
@@ -744,7 +747,8 @@ bool RpcServer::BeginCall(RpcAgent* agent, RpcAgent* listener, Cmd2Cli* command,
     forgotten.seq = oldest.seq;
     EndCall(*oldest.listener->agent, agent, forgotten);
   }
-  if (!agent->account.Grow(PeerAccount::kCalls, CallTable::kEntryBytes)) return false;
+  if (!agent->account.Admits(CallTable::kEntryBytes)) return false;
+  CommandCounts& counts = command->Counts();
   CallTable::Call call;
   call.requester = &agent->calls;
   call.listener = &listener->calls;
@@ -754,8 +758,9 @@ bool RpcServer::BeginCall(RpcAgent* agent, RpcAgent* listener, Cmd2Cli* command,
   call.seq = head.seq;
   call.pid = head.pid;
   call.wants_answer = is_request;
-  calls_->Begin(call);
-  command->Counts().NoteCall(now_us_);
+  calls_->Begin(call);  // the last that may throw
+  agent->account.Grow(PeerAccount::kCalls, CallTable::kEntryBytes);
+  counts.NoteCall(now_us_);
   return true;
 }
 
