@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "bsp/util/memory_buffer.h"
@@ -168,8 +169,10 @@ char* FrameInput::Room(const std::shared_ptr<MemoryBuffer>& buffer, size_t* room
     }
   }
   if (skip_ > 0) {  // into the place of small frames, of which none is in hand
+    char* const place = store_->Small(kSmallRead);
+    if (place == nullptr) throw std::bad_alloc();
     *room = std::min(skip_, kSmallRead);
-    return store_->Small(kSmallRead);
+    return place;
   }
   *room = large_size_ - large_held_;  // 0: a whole one that nobody has taken yet
   return *room > 0 ? large_ + large_held_ : nullptr;
