@@ -168,11 +168,15 @@ void RaiseDescriptorLimit() {
   setrlimit(RLIMIT_NOFILE, &limit);  // best effort: without it more peers are turned away
 }
 
+int Fail(const std::string& why) {
+  app::Tell("bsp-broker", why.c_str());
+  return kFailed;
+}
+
 int Serve(const Settings& settings, FILE* out) {
   const char* host = settings.host.c_str();
   if (!app::IsResolved(settings.host)) {
-    app::Tell("bsp-broker: cannot resolve host %s: give an IPv4 address", host);
-    return kFailed;
+    return Fail("cannot resolve host " + settings.host + ": give an IPv4 address");
   }
   // Before the broker's thread exists.
   const sigset_t ends = app::BlockSignals({SIGTERM, SIGINT});
@@ -185,18 +189,19 @@ int Serve(const Settings& settings, FILE* out) {
   }
   std::atomic<bool> has_given_up{false};
   options.on_give_up = [&](const std::string& why) {
-    app::Tell("bsp-broker: cannot go on: %s, for 5 s or more", why.c_str());
+    char text[64];  // there may be no memory
+    snprintf(text, sizeof text, "cannot go on: %s, again and again", why.c_str());
+    app::Tell("bsp-broker", text);
     has_given_up = true;
     kill(getpid(), SIGTERM);
   };
   bsp::RpcServer server(options);
   const auto error = server.Start(settings.host, settings.port);
   if (error != nullptr) {
-    app::Tell(
-        "bsp-broker: cannot listen on %s:%d: another broker may be running there, or the address "
-        "is not this machine's: %s",
-        host, settings.port, error->Message().substr(0, error->Message().find('\n')).c_str());
-    return kFailed;
+    const std::string why = error->Message();
+    return Fail("cannot listen on " + settings.host + ":" + std::to_string(settings.port) +
+                ": another broker may be running there, or the address is not this machine's: " +
+                why.substr(0, why.find('\n')));
   }
   fprintf(out, "bsp-broker ready on %s:%d\n", host, settings.port);
   fflush(out);

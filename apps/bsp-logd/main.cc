@@ -73,7 +73,7 @@ bsp::LogSrvOptions ServerOptions(const Settings& settings) {
 }
 
 int Fail(const std::string& why) {
-  app::Tell("bsp-logd: %s", why.c_str());
+  app::Tell("bsp-logd", why.c_str());
   return kFailed;
 }
 

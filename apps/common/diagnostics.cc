@@ -30,7 +30,6 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -100,7 +99,7 @@ class Diagnostics {
 
   void Start();
   void Log(const bsp::LogLine& line) noexcept;
-  void TellOwn(const char* format, va_list args) BSP_PRINTF(2, 0);
+  void TellOwn(std::string_view line);
   void End();
 
  private:
@@ -157,13 +156,10 @@ void Diagnostics::Log(const bsp::LogLine& line) noexcept {
   wake_.notify_one();
 }
 
-void Diagnostics::TellOwn(const char* format, va_list args) {
-  char text[LineGate::kMostBytes];
-  const int length = vsnprintf(text, sizeof text, format, args);
-  const std::string_view told(text, MakeOneLine(text, Stored(length, sizeof text)));
+void Diagnostics::TellOwn(std::string_view line) {
   {
     const std::lock_guard<std::mutex> lock(mutex_);
-    Put(BSP_LEVEL_ERROR, true, told, "");
+    Put(BSP_LEVEL_ERROR, true, line, "");
   }
   wake_.notify_one();
 }
@@ -328,16 +324,15 @@ void StartDiagnostics(const char* program) {
   bsp::SetLogSink([](const bsp::LogLine& line) noexcept { g_diagnostics->Log(line); });
 }
 
-void Tell(const char* format, ...) {
-  va_list args;
-  va_start(args, format);
+void Tell(const char* program, const char* what) {
+  char text[LineGate::kMostBytes];
+  const int length = snprintf(text, sizeof text, "%s: %s", program, what);
+  const std::string_view line(text, MakeOneLine(text, Stored(length, sizeof text)));
   if (g_diagnostics != nullptr) {
-    g_diagnostics->TellOwn(format, args);
+    g_diagnostics->TellOwn(line);
   } else {
-    vfprintf(stderr, format, args);
-    fputc('\n', stderr);
+    fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
   }
-  va_end(args);
 }
 
 void EndDiagnostics() {

@@ -2,8 +2,6 @@
 #ifndef BSP_APPS_COMMON_DIAGNOSTICS_H_
 #define BSP_APPS_COMMON_DIAGNOSTICS_H_
 
-#include "bsp/base/macros.h"
-
 namespace app {
 
 // Takes the library's console lines (bsp::SetLogSink) and what Tell gets, from now on, and writes
@@ -12,9 +10,9 @@ namespace app {
 // no memory or no thread for it.
 void StartDiagnostics(const char* program);
 
-// A line of the program's own, such as "bsp-broker: cannot listen on ...", without line feed. Any
-// thread. Without StartDiagnostics it goes to standard error at once, and waits for it.
-void Tell(const char* format, ...) BSP_PRINTF(1, 2);
+// A line of the program's own, "program: what". Any thread. Without StartDiagnostics it goes to
+// standard error at once, and waits for it.
+void Tell(const char* program, const char* what);
 
 // Writes what is left, and gives up on it after half a second. The program ends after it. Does
 // nothing without StartDiagnostics.

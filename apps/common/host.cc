@@ -31,7 +31,7 @@ int ParseAndRun(const char* name, const char* text, int argc, char** argv,
     }
     return run();
   } catch (const std::exception& fault) {
-    Tell("%s: %s", name, fault.what());
+    Tell(name, fault.what());
     return kFailed;
   }
 }
