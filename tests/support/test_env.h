@@ -9,6 +9,13 @@
 
 namespace test {
 
+// Whether a sanitizer's runtime stands in front of the C library and keeps memory of its own.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kIsSanitized = true;
+#else
+constexpr bool kIsSanitized = false;
+#endif
+
 // Why the program is not isolated; empty when it is.
 const std::string& IsolationFailure();
 
