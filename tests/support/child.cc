@@ -91,6 +91,19 @@ void Child::Signal(int number) const {
   if (pid_ > 0) kill(pid_, number);
 }
 
+bool Child::IsOver() const {
+  siginfo_t info = {};
+  return pid_ <= 0 ||
+         waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) != 0 ||
+         info.si_pid == pid_;
+}
+
+void Child::Stop() const {
+  siginfo_t info = {};
+  Signal(SIGSTOP);
+  waitid(P_PID, static_cast<id_t>(pid_), &info, WSTOPPED | WEXITED | WNOWAIT);
+}
+
 // Reads what comes within the time into output_; false at the end of output or of time.
 bool Child::FillOutput(int timeout_ms) {
   if (out_ == -1) return false;

@@ -33,6 +33,13 @@ class Child {
 
   void Signal(int number) const;
 
+  // True once it has ended, before or after Wait.
+  bool IsOver() const;
+
+  // Stops it, and returns when it stands; Signal(SIGCONT) lets it go on. What happens meanwhile it
+  // finds in one piece.
+  void Stop() const;
+
   // Reads standard output and error (both in one pipe) until a line holds `text`, behind the line
   // found last. False when the output ended or the time ran out.
   bool WaitForLine(const std::string& text, int timeout_ms = 60000);

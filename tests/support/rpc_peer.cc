@@ -79,10 +79,10 @@ int RpcPeer::Fill(size_t size, int timeout_ms) {
 }
 
 bool RpcPeer::Read(RpcFrame* frame) {
-  if (Fill(sizeof frame->head, kPatienceMs) != 1) return false;
+  if (Fill(sizeof frame->head, patience_ms_) != 1) return false;
   memcpy(&frame->head, input_.data(), sizeof frame->head);
   const auto size = static_cast<size_t>(frame->head.size);
-  if (Fill(size, kPatienceMs) != 1) return false;
+  if (Fill(size, patience_ms_) != 1) return false;
   frame->payload = input_.substr(sizeof frame->head, size - sizeof frame->head);
   input_.erase(0, size);
   return true;

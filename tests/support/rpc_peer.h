@@ -48,6 +48,12 @@ class RpcPeer {
 
   void Close() { socket_.reset(); }
 
+  // How long Read and Ask wait.
+  void SetPatience(int timeout_ms) { patience_ms_ = timeout_ms; }
+
+  // For what this class does not do; -1 after Close.
+  int descriptor() const { return socket_ != nullptr ? socket_->GetNativeSocket() : -1; }
+
   // False when the other end has closed.
   bool Send(const std::string& bytes);
 
@@ -68,6 +74,7 @@ class RpcPeer {
   int Fill(size_t size, int timeout_ms);
 
   std::shared_ptr<bsp::Socket> socket_;
+  int patience_ms_ = kPatienceMs;
   std::string input_;
 };
 

@@ -13,8 +13,10 @@
 
 namespace test {
 
-inline Child StartBroker(const std::vector<std::string>& options = {}) {
-  std::vector<std::string> argv = {BSP_TEST_BIN_DIR "/bsp-broker", "--log-level", "3"};
+// `argv` holds the words in front of the program's name.
+inline Child StartBroker(const std::vector<std::string>& options = {},
+                         std::vector<std::string> argv = {}) {
+  argv.insert(argv.end(), {BSP_TEST_BIN_DIR "/bsp-broker", "--log-level", "3"});
   argv.insert(argv.end(), options.begin(), options.end());
   Child broker = Child::Run(argv);
   EXPECT_TRUE(broker.WaitForLine("bsp-broker ready on 127.0.0.1:7800")) << broker.output();
