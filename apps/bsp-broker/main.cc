@@ -219,7 +219,7 @@ std::function<int()> Prepare(CLI::App* command) {
   return [settings] {
     const std::string contradiction = Contradiction(*settings);
     if (!contradiction.empty()) {
-      fprintf(stderr, "bsp-broker: %s\n", contradiction.c_str());
+      app::Tell("bsp-broker", contradiction.c_str());
       return app::kUsage;
     }
     g_log_level = settings->log_level;

@@ -33,6 +33,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -318,9 +319,9 @@ void Diagnostics::End() {
 }  // namespace
 
 void StartDiagnostics(const char* program) {
-  auto* started = new Diagnostics(program);
-  g_diagnostics = started;
-  started->Start();
+  auto started = std::make_unique<Diagnostics>(program);
+  started->Start();  // when it throws, lines still go to standard error at once
+  g_diagnostics = started.release();
   bsp::SetLogSink([](const bsp::LogLine& line) noexcept { g_diagnostics->Log(line); });
 }
 

@@ -31,6 +31,7 @@ constexpr Rule kRules[] = {
     {"bind socket failed.", BSP_LEVEL_DEBUG},
     {"listen socket failed.", BSP_LEVEL_DEBUG},
     {"Failed to create server socket", BSP_LEVEL_DEBUG},
+    {"Failed to watch server socket", BSP_LEVEL_DEBUG},
     {"UDP bind failed", BSP_LEVEL_DEBUG},
     {"SysLog start failed.", BSP_LEVEL_DEBUG},
     {"log rec init failed.", BSP_LEVEL_DEBUG},

@@ -183,7 +183,8 @@ bool EventLoop::RemoveEvent(const std::shared_ptr<Socket>& socket) {
 void EventLoop::Loop() {
   if (process_.IsForeign()) return;
   loop_thread_ = std::this_thread::get_id();
-  while (!stop_) {
+  // A handler may fork, and return in the child.
+  while (!stop_ && !process_.IsForeign()) {
     const int count = epoll_wait(epoll_fd_, events_.get(), kMaxEvents, WaitMs());
     if (count == -1 && errno != EINTR) {
       BSP_LOG_ERROR(MOD_BSP, "epoll wait failed %d, errno %d", count, errno);
