@@ -102,6 +102,7 @@ bool TcpClient::UpdateSocket(const std::shared_ptr<Socket>& socket) {
   send_data_ = std::make_unique<SendQueue>(send_whole_);
   socket_ = socket;
   socket_->SetBlocking(1);
+  fd_ = socket_->GetNativeSocket();
   is_paused_ = false;
   is_signal_due_ = false;
   is_ending_ = false;
@@ -134,6 +135,7 @@ void TcpClient::Disconnect() {
   loop_->RemoveEvent(socket_);
   flush_noted_ = false;
   armed_ = 0;
+  fd_ = -1;
   if (socket_ == nullptr) return;
   socket_->Close();
   socket_.reset();
@@ -176,16 +178,10 @@ uint64_t TcpClient::SentBytes() {
 }
 
 bool TcpClient::IsConnected() {
-  if (process_.IsForeign()) return false;
-  const std::lock_guard<PiMutex> lock(mutex_);
-  return HasSocket();
+  return GetNativeSocket() != -1;
 }
 
-int TcpClient::GetNativeSocket() {
-  if (process_.IsForeign()) return -1;
-  const std::lock_guard<PiMutex> lock(mutex_);
-  return socket_ != nullptr ? socket_->GetNativeSocket() : -1;
-}
+int TcpClient::GetNativeSocket() { return process_.IsForeign() ? -1 : fd_.load(); }
 
 bool TcpClient::SetOption(int level, int name, const void* value, unsigned int length) {
   const std::lock_guard<PiMutex> lock(mutex_);

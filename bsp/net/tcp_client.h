@@ -200,6 +200,8 @@ class BSP_EXPORT TcpClient : public EventHandler, public std::enable_shared_from
   bool is_ending_ = false;
   bool reads_to_end_ = false;
 
+  std::atomic<int> fd_{-1};  // of socket_, for a look without the lock
+
   // The two are taken in this order. socket_ and recv_data_ change with both held and are read with
   // either; read_mutex_ is held over each recv, so that a close waits for it.
   PiMutex read_mutex_;
