@@ -22,10 +22,14 @@ using test::Call;
 using test::Child;
 using test::Faults;
 using test::kBusPort;
+using test::kLive;
 using test::kPatienceMs;
 using test::Mirror;
 using test::OpenClient;
+using test::RpcBytes;
 using test::RpcCheck;
+using test::RpcFrame;
+using test::RpcListen;
 using test::RpcPeer;
 
 bool Has(const std::string& text, const std::string& part) {
@@ -122,6 +126,61 @@ TEST(BrokerFaults, MomentaryRefusalsLoseNothing) {
   ASSERT_TRUE(Await([&] { return faults.Failed("send") > 0; }));
   std::this_thread::sleep_for(milliseconds(500));
   EXPECT_LT(faults.Seen("send"), 2000u);  // 196000 a second is what a spinning thread makes
+}
+
+enum class Exchange { kDone, kTold, kLeftWaiting };
+
+// A listener and a caller that come, exchange a frame, and go. When that fails, one of them must
+// have been told by an answer or a close.
+Exchange ExchangeOnce(size_t size) {
+  RpcPeer listener(kBusPort);
+  RpcPeer caller(kBusPort);
+  listener.SetPatience(1000);
+  caller.SetPatience(1000);
+  const std::string cmd = "job" + std::to_string(size);
+  const std::string text(size, 'x');
+  RpcFrame got;
+  const bool is_done = listener.Ask(RpcListen(cmd, RPC_TYPE_REQUEST, 0, kLive)) == 0 &&
+                       caller.Send(RpcBytes(RPC_TYPE_REQUEST, 1, cmd, text)) &&
+                       listener.Read(&got) && listener.Send(test::RpcReply(got, 0, text)) &&
+                       caller.Read(&got) && got.head.err_code == 0 && got.payload == text;
+  if (is_done) return Exchange::kDone;
+  const bool is_told = listener.IsClosedByPeer(0) || caller.IsClosedByPeer(0);
+  return is_told || got.head.err_code != 0 ? Exchange::kTold : Exchange::kLeftWaiting;
+}
+
+// One allocation that fails, wherever, costs one connection at most, told in a line, and never the
+// broker; memory that does not come back ends it in order.
+TEST(BrokerFaults, FailedAllocationsEndInOrder) {
+  NEED_FAULTS();
+  int happened = 0;
+  for (int nth = 1; nth < 600; nth += 1 + nth / 3) {
+    SCOPED_TRACE(nth);
+    const Faults faults("malloc:ENOMEM:" + std::to_string(nth) + "-" + std::to_string(nth));
+    Broker broker({}, faults.words());
+    faults.Begin();
+    int lost = 0;
+    for (size_t round = 0; round < 100 && faults.Failed("malloc") == 0; ++round) {
+      const Exchange end = ExchangeOnce(round % 3 == 2 ? 40000 + round : round);
+      EXPECT_NE(end, Exchange::kLeftWaiting);
+      lost += end == Exchange::kDone ? 0 : 1;
+      if (broker.process.IsOver()) break;
+    }
+    happened += faults.Failed("malloc") > 0 ? 1 : 0;
+    EXPECT_LE(lost, 1);
+    ASSERT_TRUE(
+        Await([&] { return broker.process.IsOver() || ExchangeOnce(10) == Exchange::kDone; }));
+    broker.End();
+    EXPECT_TRUE(lost == 0 || Has(broker.process.output(), "<error>")) << broker.process.output();
+  }
+  EXPECT_GE(happened, 8);
+
+  const Faults faults("malloc:ENOMEM:1-");
+  Child broker = test::StartBroker({}, faults.words());
+  faults.Begin();
+  EXPECT_TRUE(Await([&] { return broker.IsOver() || ExchangeOnce(10) == Exchange::kDone; }));
+  EXPECT_EQ(broker.Wait(), 1) << broker.output();
+  EXPECT_TRUE(Has(broker.output(), "bsp-broker: ")) << broker.output();
 }
 
 }  // namespace

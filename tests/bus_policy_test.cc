@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstring>
 #include <deque>
+#include <fstream>
 #include <map>
 #include <mutex>
 #include <set>
@@ -225,13 +226,14 @@ TEST(BusPolicy, CountsAreRefusedBeyondTheirLimit) {
   EXPECT_EQ(got.payload, "again");
 }
 
-// Frames that never become whole are given up when others need their memory; their senders are
-// told, and served again once they have sent the rest.
+// The least memory that is accepted lets the largest frame pass. Beyond that, frames that never
+// become whole are given up when others need their memory; their senders are told, and served again
+// once they have sent the rest.
 TEST(BusPolicy, StandingHalfFramesGiveWay) {
   NEED_PRIVATE_WORLD();
   const std::string frame =
       RpcBytes(RPC_TYPE_REQUEST, 1, "mirror", std::string(4 * kMiB - kHead, 's'));
-  for (const size_t standing_count : {6}) {
+  for (const size_t standing_count : {0, 6}) {
     Broker broker({"--max-memory", std::to_string((16 + 2 * standing_count) * kMiB)});
     const Mirror mirror("mirror", 0, RPC_TYPE_REQUEST, 10);
     std::deque<RpcPeer> standing;
@@ -421,6 +423,75 @@ TEST(BusPolicy, ForgedRepliesAreDropped) {
     }
     EXPECT_TRUE(caller.IsServed());
   }
+}
+
+// Sends what the broker takes and no more, without waiting for it.
+void Offer(RpcPeer* peer, const std::string& bytes) {
+  size_t at = 0;
+  struct pollfd ready = {peer->descriptor(), POLLOUT, 0};
+  while (at < bytes.size() && poll(&ready, 1, 20) == 1) {
+    const ssize_t put = send(ready.fd, &bytes[at], bytes.size() - at, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (put <= 0) return;
+    at += static_cast<size_t>(put);
+  }
+}
+
+// A line of /proc/PID/status that counts in kB.
+size_t StatusKb(pid_t pid, const std::string& name) {
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  std::string word;
+  size_t kb = 0;
+  while (status >> word && word != name + ":") {
+  }
+  status >> kb;
+  return kb;
+}
+
+// A thousand peers that hold what they can: half heads, half frames, garbage, and listeners of a
+// flooded command that never read. The broker stays within its budget, serves those who keep to the
+// rules all the while, and is small again when they have gone.
+TEST(BusPolicy, ThousandHostilePeersStayWithinTheBudget) {
+  NEED_PRIVATE_WORLD();
+  if (!test::HasDescriptors(1200)) GTEST_SKIP() << "needs 1200 descriptors";
+  Broker broker({"--max-clients", "1100"});
+  const Mirror mirror("mirror");
+  const auto client = OpenClient(true);
+  const std::string half_head = RpcCheck("x").substr(0, 50);
+  const std::string large =
+      RpcBytes(RPC_TYPE_REQUEST, 1, "mirror", std::string(4 * kMiB - kHead, 'l'))
+          .substr(0, 3 * kMiB);
+  const std::string medium =
+      RpcBytes(RPC_TYPE_REQUEST, 1, "mirror", std::string(31 * 1024, 'm')).substr(0, 31 * 1024);
+  const std::string garbage(60000, 'g');
+  std::deque<RpcPeer> peers;
+  std::deque<Flooder> flooders;
+  const auto is_served = [&] {
+    std::string answer;
+    return Call(client.get(), "mirror", std::string(2000, 'h'), &answer) == 0;
+  };
+  for (int i = 0; i < 1000; ++i) {
+    RpcPeer& peer = peers.emplace_back(kBusPort);
+    if (i % 50 < 3) {
+      ASSERT_TRUE(peer.Send(RpcListen("flooded", RPC_TYPE_MESSAGE, 0, kLive)));
+    } else {
+      Offer(&peer, i % 50 < 6 ? large : i % 50 < 20 ? half_head : i % 50 < 36 ? medium : garbage);
+    }
+    if (i == 100) flooders.emplace_back(RPC_TYPE_MESSAGE, "flooded", 60000, 4);
+    if (i % 20 == 0) {
+      ASSERT_TRUE(Await(is_served)) << i << ": " << broker.process.output();
+    }
+  }
+  ASSERT_TRUE(Await([&] { return is_served() && flooders.front().bytes() > 100 * kMiB; }));
+  EXPECT_FALSE(flooders.front().is_lost());
+  const pid_t pid = broker.process.pid();
+  if (!test::kIsSanitized) {
+    EXPECT_LT(StatusKb(pid, "VmHWM"), 48 * 1024 * 11 / 10);
+  }
+  flooders.clear();
+  peers.clear();
+  EXPECT_TRUE(test::kIsSanitized || Await([&] { return StatusKb(pid, "VmRSS") < 20 * 1024; }))
+      << StatusKb(pid, "VmRSS");
+  EXPECT_TRUE(is_served());
 }
 
 // When idle peers have taken every place that they can have, an operator's tool still gets in.
