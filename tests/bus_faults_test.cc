@@ -140,12 +140,14 @@ Exchange ExchangeOnce(size_t size) {
   const std::string cmd = "job" + std::to_string(size);
   const std::string text(size, 'x');
   RpcFrame got;
-  const bool is_done = listener.Ask(RpcListen(cmd, RPC_TYPE_REQUEST, 0, kLive)) == 0 &&
-                       caller.Send(RpcBytes(RPC_TYPE_REQUEST, 1, cmd, text)) &&
+  constexpr int kSilence = 9999;
+  const int code = listener.Ask(RpcListen(cmd, RPC_TYPE_REQUEST, 0, kLive));
+  const bool is_done = code == 0 && caller.Send(RpcBytes(RPC_TYPE_REQUEST, 1, cmd, text)) &&
                        listener.Read(&got) && listener.Send(test::RpcReply(got, 0, text)) &&
                        caller.Read(&got) && got.head.err_code == 0 && got.payload == text;
   if (is_done) return Exchange::kDone;
-  const bool is_told = listener.IsClosedByPeer(0) || caller.IsClosedByPeer(0);
+  const bool is_told =
+      (code != 0 && code != kSilence) || listener.IsClosedByPeer(0) || caller.IsClosedByPeer(0);
   return is_told || got.head.err_code != 0 ? Exchange::kTold : Exchange::kLeftWaiting;
 }
 

@@ -234,7 +234,8 @@ TEST(BusPolicy, StandingHalfFramesGiveWay) {
   const std::string frame =
       RpcBytes(RPC_TYPE_REQUEST, 1, "mirror", std::string(4 * kMiB - kHead, 's'));
   for (const size_t standing_count : {0, 6}) {
-    Broker broker({"--max-memory", std::to_string((16 + 2 * standing_count) * kMiB)});
+    Broker broker(
+        {"--max-clients", "85", "--max-memory", std::to_string((17 + 2 * standing_count) * kMiB)});
     const Mirror mirror("mirror", 0, RPC_TYPE_REQUEST, 10);
     std::deque<RpcPeer> standing;
     for (size_t i = 0; i < standing_count; ++i) {

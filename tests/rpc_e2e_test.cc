@@ -445,8 +445,8 @@ TEST(BrokerProgram, EndsWithThePromisedCodes) {
               {"--max-frame 175", 2, "a number from 176 on"},
               {"--stock --max-clients 9", 2, "--stock excludes --max-clients"},
               {"--max-backlog 4095 --max-frame 4096", 2, "--max-backlog 4095", "--max-frame 4096"},
-              {"--max-memory 16777215", 2, "--max-memory 16777215", "--max-frame 4194304"},
-              {"--max-memory 16777216 --max-backlog 4194304", 1, "cannot listen"},
+              {"--max-memory 29360127", 2, "--max-memory 29360127", "--max-frame 4194304"},
+              {"--max-memory 29360128 --max-backlog 4194304", 1, "cannot listen"},
               {"--max-memory 0 --max-frame 0 --max-backlog 1", 1, "cannot listen"},
               {"--host no.such.host.invalid", 1, "cannot resolve host no.such.host.invalid"},
               {"--stock", 1, "cannot listen on 127.0.0.1:7800"}};

@@ -28,28 +28,35 @@ using bsp::PeerAccount;
 using bsp::SendQueue;
 using Verdict = Backlog::Verdict;
 
-// One peer that takes all it can leaves nothing for others; a sum that is not given back shrinks
-// the budget for ever.
+// One peer that takes all it can leaves nothing for others, or takes their allowance; a sum that is
+// not given back shrinks the budget for ever.
 TEST(Budget, ManyHogsLeaveAShare) {
-  Budget budget(1000);
+  constexpr size_t kAllowance = Budget::kAllowanceBytes;
+  Budget budget(200 * kAllowance, 100);
   std::deque<PeerAccount> hogs;
-  for (size_t count = 1; count <= 9; ++count) {
+  for (size_t count = 1; count <= 20; ++count) {
     hogs.emplace_back(&budget);
-    while (hogs.back().Grow(PeerAccount::kInput, 1)) {
+    while (hogs.back().Grow(PeerAccount::kInput, 64)) {
     }
-    EXPECT_GE(budget.limit_bytes() - budget.used_bytes(), 1000u >> count);
   }
-  EXPECT_LE(budget.used_bytes(), 1000u);
-  EXPECT_EQ(hogs.front().held_bytes(), 500u);  // half for one alone
-  EXPECT_FALSE(hogs.front().Admits(0));
-  PeerAccount late(&budget);
-  EXPECT_TRUE(late.Grow(PeerAccount::kCalls, 1));
-  late.Shrink(PeerAccount::kCalls, 1);
+  const double half = 51.0 * kAllowance;  // of the 100 that are shared, and its own
+  EXPECT_NEAR(static_cast<double>(hogs.front().held_bytes()), half, 128);
+  EXPECT_TRUE(hogs.front().IsOver());
+  std::deque<PeerAccount> small;
+  while (small.size() < 80) {
+    ASSERT_TRUE(budget.HasPlace());
+    small.emplace_back(&budget);
+    EXPECT_TRUE(small.back().Grow(PeerAccount::kCalls, kAllowance));
+  }
+  EXPECT_FALSE(small.back().Grow(PeerAccount::kInput, kAllowance));
+  EXPECT_LE(budget.used_bytes(), budget.limit_bytes());
+  for (PeerAccount& account : small) account.Shrink(PeerAccount::kCalls, kAllowance);
   for (PeerAccount& hog : hogs) hog.Close();
   EXPECT_EQ(budget.used_bytes(), 0u);
 
-  Budget none(0);
+  Budget none(0, 0);
   PeerAccount free(&none);
+  EXPECT_TRUE(none.HasPlace());
   EXPECT_TRUE(free.Grow(PeerAccount::kLarge, size_t{1} << 40));
   free.Close();
 }
@@ -182,7 +189,7 @@ TEST(CallTable, AgainstAModel) {
 // A command without a listener that stays, one that goes with a listener left, and an agent that is
 // still listed where it no longer listens.
 TEST(CommandTable, LivesByItsListeners) {
-  Budget budget(0);
+  Budget budget(0, 0);
   const auto agent = [&] { return std::make_shared<bsp::RpcAgent>(1, &budget); };
   const auto first = agent();
   const auto second = agent();

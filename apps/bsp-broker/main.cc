@@ -45,6 +45,9 @@ struct Settings {
 // What the program takes by itself, of --max-memory: code, stacks, and what the allocator holds.
 constexpr size_t kOwnBytes = size_t{8} << 20;
 
+// What nobody can take from a client, of the rest.
+constexpr size_t kClientBytes = size_t{12} << 10;
+
 // Beyond it a sender's own call is likely to have timed out.
 constexpr int kPatienceMs = 2000;
 
@@ -127,11 +130,11 @@ std::string Contradiction(const Settings& settings) {
            std::to_string(frame) +
            ", so that a frame could pass to nobody: raise the one or lower the other";
   }
-  const size_t least = kOwnBytes + 2 * frame;
+  const size_t least = kOwnBytes + settings.max_clients * kClientBytes + 2 * frame;
   if (memory != 0 && memory < least) {
     return "--max-memory " + std::to_string(memory) + " is too little for --max-frame " +
-           std::to_string(frame) + ": give at least " + std::to_string(least) +
-           ", or lower --max-frame";
+           std::to_string(frame) + " and --max-clients " + std::to_string(settings.max_clients) +
+           ": give at least " + std::to_string(least) + ", or lower these";
   }
   return std::string();
 }

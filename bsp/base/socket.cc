@@ -164,7 +164,12 @@ std::shared_ptr<Socket> Socket::Accept() {
     fd = accept4(fd_, reinterpret_cast<sockaddr*>(&peer), &length, SOCK_CLOEXEC);
   } while (fd == -1 && (errno == EINTR || errno == ECONNABORTED));
   if (fd == -1) return nullptr;
-  return std::make_shared<Socket>(fd);
+  try {
+    return std::make_shared<Socket>(fd);
+  } catch (...) {
+    Close(fd);  // else the peer waits for ever
+    throw;
+  }
 }
 
 int Socket::Send(const char* data, int length) {

@@ -37,10 +37,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <iterator>
 #include <limits>
+#include <new>
 
 #include "bsp/log/log.h"
 
@@ -54,10 +56,10 @@ constexpr int kEventsPerFlush = 64;            // so that no queued frame waits 
 constexpr uint64_t kWakeupTag = ~uint64_t{0};  // no descriptor is 0xffffffff
 constexpr int64_t kNever = std::numeric_limits<int64_t>::max();
 
-// Failures with less than the one between them are one trouble; a trouble of the other length is
-// not going to pass.
-constexpr int64_t kCalmMs = 1000;
-constexpr int64_t kTroubleMs = 5000;
+constexpr int64_t kLackingMs = 5000;   // without memory for so long, it is not going to come
+constexpr size_t kProbeBytes = 65536;  // more than any step of ours allocates but for large frames
+constexpr size_t kAreaBytes = 102400;
+constexpr std::align_val_t kPage{4096};
 
 // Behind the bytes that wait stands more: a close, or urgent data, which cuts a read short.
 constexpr uint32_t kKeepReading = EPOLLRDHUP | EPOLLPRI;
@@ -195,6 +197,7 @@ void EventLoop::Loop() {
     }
     RunAgain();
     if (next_call_ms_ != kNever) RunTimedCalls();
+    if (lacking_since_ms_ != 0) LookForMemory();
   }
   loop_thread_ = std::thread::id();
   RunAgain();  // what was queued for sending goes out; nobody stays noted behind the end
@@ -359,10 +362,7 @@ void EventLoop::RunContained(const std::function<void()>& call) { Contained(null
 
 void EventLoop::HandleFailure(EventHandler* handler, const char* what) {
   BSP_LOG_ERROR(MOD_BSP, "handler failed: %s, what it served is closed", what);
-  const int64_t now_ms = NowMs();
-  if (now_ms - last_failure_ms_ > kCalmMs) failing_since_ms_ = now_ms;
-  last_failure_ms_ = now_ms;
-  if (now_ms - failing_since_ms_ >= kTroubleMs) GiveUp(what);
+  LookForMemory();
   if (handler == nullptr) return;
   try {
     handler->OnError();
@@ -372,6 +372,31 @@ void EventLoop::HandleFailure(EventHandler* handler, const char* what) {
     GiveUp(what);
   }
 }
+
+// After a failure, and then at each turn until memory is there again: a broker that nobody connects
+// to any more fails no more either.
+void EventLoop::LookForMemory() {
+  void* const probe = malloc(kProbeBytes);
+  const bool is_there = probe != nullptr;
+  free(probe);
+  const int64_t now_ms = NowMs();
+  if (is_there) {
+    lacking_since_ms_ = 0;
+  } else if (lacking_since_ms_ == 0) {
+    lacking_since_ms_ = now_ms;
+  } else if (now_ms - lacking_since_ms_ >= kLackingMs) {
+    GiveUp("no memory");
+  }
+}
+
+char* EventLoop::ReceiveArea() {
+  if (receive_area_ == nullptr) {
+    receive_area_.reset(static_cast<char*>(::operator new(kAreaBytes, kPage)));
+  }
+  return receive_area_.get();
+}
+
+void EventLoop::FreeArea::operator()(char* area) const { ::operator delete(area, kPage); }
 
 void EventLoop::GiveUp(const char* why) {
   if (!failure_text_.empty()) return;

@@ -118,12 +118,15 @@ class BSP_EXPORT EventLoop {
 
   // Off by default: an exception out of a handler ends the process, as any that nobody catches. On:
   // it costs that handler's socket (OnError is called, so that a connection closes) and a log line.
-  // When failures go on for 5 seconds, or closing fails too, Loop ends with a line and
-  // FailureText() tells why.
+  // When memory has been lacking for 5 seconds, or closing fails too, Loop ends and FailureText()
+  // tells why.
   void SetContainFailures(bool on) { contains_failures_ = on; }
 
   // Runs `call` as a handler is run, when one handler does many things that may fail by themselves.
   void RunContained(const std::function<void()>& call);
+
+  // Room for one receive, 102400 bytes on a page of its own; on the loop's thread.
+  char* ReceiveArea();
 
   // Of the loop's owner, after Loop has returned: why it gave up; empty when it did not.
   const std::string& FailureText() const { return failure_text_; }
@@ -156,6 +159,7 @@ class BSP_EXPORT EventLoop {
   template <typename Call>
   void Contained(EventHandler* handler, const Call& call);
   void HandleFailure(EventHandler* handler, const char* what);
+  void LookForMemory();
   void GiveUp(const char* why);
 
   const ProcessMark process_;
@@ -179,8 +183,11 @@ class BSP_EXPORT EventLoop {
   // Of the loop thread.
   std::vector<Again> again_;
   std::vector<Again> running_again_;  // kept for its memory
-  int64_t failing_since_ms_ = 0;
-  int64_t last_failure_ms_ = 0;
+  struct FreeArea {
+    void operator()(char* area) const;
+  };
+  std::unique_ptr<char, FreeArea> receive_area_;
+  int64_t lacking_since_ms_ = 0;  // memory; 0: it is there
   std::string failure_text_;
 };
 

@@ -19,7 +19,7 @@
 // not wait for the kernel is called again at the end of the loop's batch, which also lets other
 // connections have a turn, or a moment later.
 //
-// Reading goes through one area a thread, not one a connection: a thousand connections on one loop
+// Reading goes through one area a loop, not one a connection: a thousand connections on one loop
 // share it. It begins on a page: an area 8 to 24 bytes behind one made the kernel's copy of a large
 // receive up to nine times slower. It is not on the stack: small threads have 64 KiB or less. A
 // large message can go round the area and the buffer (ByteSink): a megabyte through blocks costs
@@ -28,7 +28,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <new>
 
 #include "bsp/log/log.h"
 #include "bsp/net/send_queue.h"
@@ -49,19 +48,6 @@ constexpr int kLastTurns = 1024;
 constexpr size_t kGatherMost = 16384;  // above it the copy costs more than the system call
 constexpr int64_t kLaterMs = 10;       // until a kernel without memory is asked again
 constexpr unsigned int kIdleMask = EVENT_READ | EVENT_ERROR;
-
-struct FreeArea {
-  void operator()(char* area) const { ::operator delete (area, std::align_val_t{4096}); }
-};
-
-// The receive area of the calling thread, kChunk bytes.
-char* ReceiveArea() {
-  thread_local std::unique_ptr<char, FreeArea> area;
-  if (area == nullptr) {
-    area.reset(static_cast<char*>(::operator new (kChunk, std::align_val_t{4096})));
-  }
-  return area.get();  // NOLINT(clang-analyzer-cplusplus.NewDelete): it lives as long as the thread
-}
 
 bool IsShortOfMemory(int error) { return error == ENOBUFS || error == ENOMEM; }
 
@@ -177,9 +163,7 @@ uint64_t TcpClient::SentBytes() {
   return send_data_ != nullptr ? send_data_->taken_bytes() : 0;
 }
 
-bool TcpClient::IsConnected() {
-  return GetNativeSocket() != -1;
-}
+bool TcpClient::IsConnected() { return GetNativeSocket() != -1; }
 
 int TcpClient::GetNativeSocket() { return process_.IsForeign() ? -1 : fd_.load(); }
 
@@ -345,7 +329,7 @@ TcpClient::Got TcpClient::Read(const std::shared_ptr<Socket>& socket,
     char* const sunk = sink != nullptr ? sink->Room(buffer, &room) : nullptr;
     if (room == 0) return Got::kAll;
     room = std::min(room, sunk != nullptr ? kBytesPerTurn : kChunk);
-    char* const target = sunk != nullptr ? sunk : ReceiveArea();
+    char* const target = sunk != nullptr ? sunk : loop_->ReceiveArea();
     int got = 0;
     if (!Receive(socket, target, room, &got)) return Got::kGone;
     if (got > 0) {

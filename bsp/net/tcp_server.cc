@@ -67,8 +67,12 @@ void TcpServer::OnRead() {
   if (socket_ == nullptr) return;
   if (options_.keep_reserve) OpenReserve();
   for (int accepted = 0; accepted < kAcceptsPerTurn; ++accepted) {
-    const std::shared_ptr<Socket> connection = socket_->Accept();
-    const int error = Socket::ErrorNo();
+    std::shared_ptr<Socket> connection;
+    int error = ENOMEM;  // unless Accept returns
+    loop_->RunContained([&] {
+      connection = socket_->Accept();
+      error = Socket::ErrorNo();
+    });
     if (connection != nullptr) {
       is_failing_ = false;
       loop_->RunContained([&] { SignalAccept(self, connection); });

@@ -32,11 +32,10 @@ void CallTable::Begin(const Call& call) {
   ++requester.asked;
 
   Peer& listener = *call.listener;
-  entry.next_to_answer = listener.first_to_answer;
-  if (listener.first_to_answer != kNone) {
-    entries_[listener.first_to_answer].previous_to_answer = index;
-  }
-  listener.first_to_answer = index;
+  entry.previous_to_answer = listener.last_to_answer;
+  (listener.last_to_answer != kNone ? entries_[listener.last_to_answer].next_to_answer
+                                    : listener.first_to_answer) = index;
+  listener.last_to_answer = index;
   ++size_;
 }
 
@@ -110,9 +109,8 @@ void CallTable::TakeOut(Index index) {
   Peer& listener = *entry.call.listener;
   (entry.previous_to_answer != kNone ? entries_[entry.previous_to_answer].next_to_answer
                                      : listener.first_to_answer) = entry.next_to_answer;
-  if (entry.next_to_answer != kNone) {
-    entries_[entry.next_to_answer].previous_to_answer = entry.previous_to_answer;
-  }
+  (entry.next_to_answer != kNone ? entries_[entry.next_to_answer].previous_to_answer
+                                 : listener.last_to_answer) = entry.previous_to_answer;
   entry.call.requester = nullptr;
   entry.next_in_row = first_free_;
   first_free_ = index;

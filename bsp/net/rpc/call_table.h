@@ -36,7 +36,8 @@ class CallTable {
     RpcAgent* const agent;
     Index first_asked = kNone;  // the oldest
     Index last_asked = kNone;
-    Index first_to_answer = kNone;
+    Index first_to_answer = kNone;  // likewise
+    Index last_to_answer = kNone;
     size_t asked = 0;
   };
 
@@ -63,7 +64,7 @@ class CallTable {
   const Call* Oldest(const Peer* requester) const;
 
   // Takes all calls of the peer out, those that it asked and those that it was to answer, and gives
-  // each to `gone` when it is out.
+  // each to `gone` when it is out, the oldest first.
   void Remove(Peer* peer, const std::function<void(const Call&)>& gone);
 
   size_t size() const { return size_; }

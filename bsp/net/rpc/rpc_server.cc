@@ -96,7 +96,7 @@ RpcServer::RpcServer() : RpcServer(Options()) {}
 
 RpcServer::RpcServer(const Options& options)
     : options_(options),
-      budget_(std::make_unique<Budget>(options.max_memory_bytes)),
+      budget_(std::make_unique<Budget>(options.max_memory_bytes, options.max_clients)),
       recv_buf_(std::make_shared<FrameMemory>()),
       cmds_(std::make_unique<CommandTable>()),
       calls_(std::make_unique<CallTable>()) {
@@ -146,7 +146,19 @@ std::shared_ptr<MSError> RpcServer::Start(const std::string& host, int port) {
   return kOk;
 }
 
+// What each thread makes for itself when it first uses a buffer or tells the time: made at the
+// start, since the C library ends the process when there is no memory for its part of it.
+void RpcServer::WarmUp() {
+  loop_->RunContained([] {
+    MemoryBuffer warm;
+    warm.WriteBytes("", 1);
+    warm.ReadBytes(nullptr, 1);
+    TimeUtil::TimeMillisStr();
+  });
+}
+
 void RpcServer::Loop() {
+  WarmUp();
   loop_->Loop();
   BSP_LOG_ERROR(MOD_BSP, "RPC server loop exit");
   if (!loop_->FailureText().empty() && options_.on_give_up) {
@@ -292,10 +304,9 @@ void RpcServer::HandleAccept(std::shared_ptr<TcpServer>, std::shared_ptr<Socket>
 
 bool RpcServer::HasPlace(int fd) {
   const size_t limit = options_.max_clients;
-  const size_t memory = options_.max_memory_bytes;
-  if (memory != 0 && budget_->used_bytes() + kPlaceBytes > memory) {
+  if (!budget_->HasPlace()) {
     BSP_LOG_ERROR(MOD_BSP, "refused client %d, pid -1: memory bytes, limit %zu, value %zu", fd,
-                  memory, budget_->used_bytes() + kPlaceBytes);
+                  budget_->limit_bytes(), budget_->used_bytes());
     return false;
   }
   if (limit == 0 || clients_.size() < limit) return true;
@@ -371,7 +382,13 @@ bool RpcServer::HandleNextFrame(const AgentPtr& agent,
   FlowControl::EndWait(agent.get());
   Frame frame;
   if (admission == Admission::kPass) frame = agent->input->Take(buffer, head);
-  if (!frame) {  // refused, or no memory for it
+  // A frame in hand is held no more: its memory is free behind it.
+  agent->account.Set(PeerAccount::kLarge, 0);
+  if (!frame && admission == Admission::kPass) {
+    BSP_LOG_ERROR(MOD_BSP, "no memory for %d bytes from client %d, pid %d", head.size,
+                  agent->GetNativeSocket(), agent->pid);
+  }
+  if (!frame) {
     agent->input->Discard(buffer, head);
     Refuse(agent, head);
     return true;
@@ -469,9 +486,9 @@ void RpcServer::BookInput(RpcAgent* agent, const MemoryBuffer& buffer) {
   agent->account.Set(PeerAccount::kInput, buffer.size());
   agent->account.Set(PeerAccount::kLarge, large);
   if (is_freed) flow_->Retry();
-  const size_t limit = options_.max_memory_bytes;
-  if (limit != 0 && buffer.size() > 0 && budget_->used_bytes() > limit && !agent->is_waiting) {
-    Drop(agent->shared_from_this(), "memory bytes", limit, budget_->used_bytes());
+  if (buffer.size() > 0 && !agent->is_waiting && agent->account.IsOver()) {
+    Drop(agent->shared_from_this(), "memory bytes in all", budget_->limit_bytes(),
+         budget_->used_bytes());
   }
 }
 
@@ -553,7 +570,8 @@ void RpcServer::Refuse(const AgentPtr& agent, const RpcHeader& head) {
   }
   Cmd2Cli* const command = cmds_->Find(RpcCmdText(head.cmd));
   if (command != nullptr) ++command->Counts().refused;
-  if (head.type == RPC_TYPE_REQUEST) {
+  if (head.type == RPC_TYPE_REQUEST || head.type == RPC_TYPE_LISTEN ||
+      head.type == RPC_TYPE_CHECK_POWER) {
     ++totals_.refused_requests;
     ServerReplay(agent, &head, RPC_ERR_BUSY);
   } else {

@@ -191,6 +191,7 @@ class BSP_EXPORT RpcServer : public sigslot::has_slots<sigslot::single_threaded>
   using AgentPtr = std::shared_ptr<RpcAgent>;
 
   void Loop();
+  void WarmUp();
   void RunOnLoop(const std::function<void()>& look);
   void NoteMoment();
 
