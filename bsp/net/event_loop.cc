@@ -358,7 +358,9 @@ void EventLoop::Contained(EventHandler* handler, const Call& call) {
   }
 }
 
-void EventLoop::RunContained(const std::function<void()>& call) { Contained(nullptr, call); }
+void EventLoop::RunContained(void (*run)(const void*), const void* call) {
+  Contained(nullptr, [=] { run(call); });
+}
 
 void EventLoop::HandleFailure(EventHandler* handler, const char* what) {
   BSP_LOG_ERROR(MOD_BSP, "handler failed: %s, what it served is closed", what);

@@ -123,7 +123,11 @@ class BSP_EXPORT EventLoop {
   void SetContainFailures(bool on) { contains_failures_ = on; }
 
   // Runs `call` as a handler is run, when one handler does many things that may fail by themselves.
-  void RunContained(const std::function<void()>& call);
+  // Allocates nothing.
+  template <typename Call>
+  void RunContained(const Call& call) {
+    RunContained([](const void* it) { (*static_cast<const Call*>(it))(); }, &call);
+  }
 
   // Room for one receive, 102400 bytes on a page of its own; on the loop's thread.
   char* ReceiveArea();
@@ -156,6 +160,7 @@ class BSP_EXPORT EventLoop {
   void RunTimedCalls();
   void FindNextCall();
 
+  void RunContained(void (*run)(const void*), const void* call);
   template <typename Call>
   void Contained(EventHandler* handler, const Call& call);
   void HandleFailure(EventHandler* handler, const char* what);
