@@ -334,6 +334,37 @@ TEST_F(Cache, EventsRefuseInOrder) {
   });
 }
 
+// What runs after the exit handlers of the library finds the stores as ever: a destructor of a
+// static object that was there before them, and threads that nobody has joined.
+TEST_F(Cache, StoresOutliveExitHandlers) {
+  const auto use_all = [] {
+    return SetText("late", "v") == 0 && GetText("late", 1) == "v" && WriteEvent(1, "i", "d") == 0 &&
+           ReadInfo(1) + ReadData(1) == "id";
+  };
+  for (int round = 0; round < 40; ++round) {
+    Child child = Child::Fork([&]() -> int {
+      if (unshare(CLONE_NEWIPC) != 0) return 99;
+      static bool is_served = false;
+      static std::atomic<int> turns{0};
+      atexit([] { _exit(is_served ? 0 : 3); });
+      atexit([] {  // stands for the destructor; the threads need a moment to meet what is gone
+        for (const int end = turns + 1000; turns < end;) sched_yield();
+        is_served = SetText("last", "v") == 0 && ReadInfo(1) == "i";
+      });
+      g_log_level = BSP_LEVEL_EMERG;  // a missing key is no news here
+      if (event_cache_init_write(2, 20, 400) != 0 || !use_all()) return 1;
+      std::thread([] {
+        for (;; ++turns) ReadInfo(turns % 2 == 0 ? 1 : 99);
+      }).detach();
+      std::thread([&] {
+        for (;; ++turns) GetText("late", 1);
+      }).detach();
+      exit(1);
+    });
+    ASSERT_EQ(child.Wait(), 0) << child.output();
+  }
+}
+
 // Writers are killed at random points of their work while readers go on: no reader ever gets a
 // record that was not written whole, each new writer starts, empty, and with the full capacity.
 TEST_F(Cache, EventsOutliveKilledWriters) {

@@ -85,10 +85,10 @@ void LogRoom(const char* function, const Room& room) {
 namespace bsp {
 
 std::shared_ptr<EventCache> EventCache::Instance() {
-  static std::shared_ptr<EventCache> instance;
-  static std::once_flag once;
-  std::call_once(once, [] { instance = std::make_shared<EventCache>(); });
-  return instance;
+  // Held by a plain pointer that nobody deletes: it outlives every static, and threads at exit.
+  static const auto* const instance =
+      new std::shared_ptr<EventCache>(std::make_shared<EventCache>());
+  return *instance;
 }
 
 // ---- Roles

@@ -36,7 +36,8 @@ class BSP_EXPORT EventCache {
   EventCache(const EventCache&) = delete;
   EventCache& operator=(const EventCache&) = delete;
 
-  // The object of this process, with no role.
+  // The object of this process, with no role. Never destroyed, so that also the destructors of
+  // static objects, and threads that still run at exit, may use it.
   static std::shared_ptr<EventCache> Instance();
 
   // What InitWrite does with segments that a writer left inconsistent when it died in the midst of

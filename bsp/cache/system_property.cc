@@ -236,13 +236,13 @@ std::string TextOf(const char* value, int value_size) {
 }  // namespace
 
 std::shared_ptr<SystemProperty> SystemProperty::Instance() {
-  static std::shared_ptr<SystemProperty> instance;
-  static std::once_flag once;
-  std::call_once(once, [] {
-    instance.reset(new SystemProperty);
-    instance->Init();  // has logged a failure; every operation tries again
-  });
-  return instance;
+  // Held by a plain pointer that nobody deletes: it outlives every static, and threads at exit.
+  static const auto* const instance = [] {
+    const auto* const made = new std::shared_ptr<SystemProperty>(new SystemProperty);
+    (*made)->Init();  // has logged a failure; every operation tries again
+    return made;
+  }();
+  return *instance;
 }
 
 std::shared_ptr<MSError> SystemProperty::Init() {

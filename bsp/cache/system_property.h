@@ -39,7 +39,9 @@ class BSP_EXPORT SystemProperty {
   static constexpr size_t kSegmentSize = kSlots * sizeof(KeyV);
   static constexpr int kMaxValue = sizeof(KeyV::value) - 1;  // bytes
 
-  // The object of this process, initialised on the first call; see Init for a failure.
+  // The object of this process, initialised on the first call; see Init for a failure. Never
+  // destroyed, so that also the destructors of static objects, and threads that still run at exit,
+  // may use it.
   static std::shared_ptr<SystemProperty> Instance();
 
   // Attaches the segment, which may be done once. After a failure every operation tries again

@@ -10,7 +10,8 @@ namespace impl {
 
 int32_t Utils<void>::create_flags = kCreateIfMissing;
 int32_t Utils<void>::log_level = 0;
-std::function<void(LogLevel, const char*)> Utils<void>::log_func;
+std::function<void(LogLevel, const char*)>& Utils<void>::log_func =
+    *new std::function<void(LogLevel, const char*)>;
 
 void Utils<void>::Log(LogLevel level, const char* fmt, ...) {
   if (level > log_level || !log_func) return;

@@ -39,7 +39,8 @@ class BSP_EXPORT Utils<void> {
  public:
   static int32_t create_flags;  // what the tables create their segments with; kCreateIfMissing
   static int32_t log_level;     // highest level that reaches log_func; 0: none
-  static std::function<void(LogLevel, const char*)> log_func;  // empty: nothing is reported
+  // Empty: nothing is reported. Never destroyed: threads may still report at exit.
+  static std::function<void(LogLevel, const char*)>& log_func;
 
   // Hands the text, cut at 4095 bytes, to log_func when `level` is at most log_level. Keeps errno.
   static void Log(LogLevel level, const char* fmt, ...) BSP_PRINTF(2, 3);
