@@ -282,6 +282,33 @@ TEST(EventService, HandlersAndStop) {
   service.Stop();
 }
 
+// A Stop beside another thread's Start comes before it or after it; it never waits for a thread
+// that nobody stops.
+TEST(EventService, StopBesideStartEnds) {
+  for (int round = 0; round < 2000; ++round) {
+    EventService service;
+    std::atomic<int> waiting{2};
+    const auto meet = [&waiting] {
+      for (--waiting; waiting > 0;) std::this_thread::yield();
+    };
+    Semaphore ended;
+    std::thread starter([&] {
+      meet();
+      service.Start();
+    });
+    std::thread stopper([&] {
+      meet();
+      service.Stop();
+      ended.Signal();
+    });
+    const bool has_ended = ended.Wait(kPatienceMs);
+    starter.join();
+    service.Stop();  // also of a Start that came last
+    stopper.join();
+    ASSERT_TRUE(has_ended) << "round " << round;
+  }
+}
+
 // What a message holds may use the service as it goes, cleared or at the service's own end; and the
 // last reference may go on the service's own thread, from a handler or with its data.
 TEST(EventService, LifeTimesMayCross) {

@@ -26,7 +26,9 @@
 // again instead would burn up to a millisecond of processor time for each delayed message.
 //
 // Stop clears running_ before it signals; Start sets it before the thread exists, and the thread
-// itself never sets it. So no order of the two can lose a Stop.
+// itself never sets it. Start, and Stop on any thread but the service's own, do so under
+// control_mutex_, so that a Stop never joins a thread that was started after it had cleared
+// running_. So no order of the two can lose a Stop or wait for a thread that nobody stops.
 #include "bsp/event/eventservice.h"
 
 #include <pthread.h>
@@ -185,6 +187,13 @@ void EventService::SetUpThread() {
 }
 
 void EventService::Stop() {
+  if (IsOwnThread()) return EndLoops();  // a join would wait for itself
+  const std::lock_guard<std::mutex> lock(control_mutex_);
+  EndLoops();
+  if (thread_.joinable()) thread_.join();
+}
+
+void EventService::EndLoops() {
   running_ = false;
   std::shared_ptr<Semaphore> semaphore;
   {
@@ -192,9 +201,6 @@ void EventService::Stop() {
     semaphore = semaphore_;
   }
   if (semaphore) semaphore->Signal();
-  if (IsOwnThread()) return;  // a join would wait for itself
-  const std::lock_guard<std::mutex> lock(control_mutex_);
-  if (thread_.joinable()) thread_.join();
 }
 
 bool EventService::IsOwnThread() const {

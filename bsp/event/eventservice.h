@@ -85,6 +85,8 @@ class BSP_EXPORT EventService {
  private:
   struct Loop;
 
+  // Every dispatch ends after the message that it runs.
+  void EndLoops();
   void RunLoop(Loop* loop);
   bool RunPass(Loop* loop);
   std::unique_ptr<QueuedMessage> TakeDue(int64_t* wait_ns, bool sleeps);
@@ -101,7 +103,9 @@ class BSP_EXPORT EventService {
   bool IsOwnThread() const;
   void SetUpThread();
 
-  std::mutex control_mutex_;  // guards thread_; held by Stop across the join
+  // Guards thread_ and, but for the service's own thread, the writing of running_; held by Stop
+  // across the join.
+  std::mutex control_mutex_;
   std::thread thread_;
   std::string name_;
   int priority_ = 50;
