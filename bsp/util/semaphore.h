@@ -3,24 +3,24 @@
 #ifndef BSP_UTIL_SEMAPHORE_H_
 #define BSP_UTIL_SEMAPHORE_H_
 
-#include <pthread.h>
-
+#include <atomic>
 #include <cstdint>
 #include <list>
 #include <memory>
-#include <mutex>
 
 #include "bsp/base/macros.h"
+#include "bsp/base/pi_mutex.h"
 
 namespace bsp {
 
-// Threads: any. There is no wait without a limit.
+// Threads: any, of whatever priorities: there is no lock inside that a waiter could find held. Who
+// has got the last count may destroy the object at once, also while the Signal that gave it has not
+// returned yet. There is no wait without a limit.
 class BSP_EXPORT Semaphore {
  public:
   explicit Semaphore(int count = 0);
   Semaphore(const Semaphore&) = delete;
   Semaphore& operator=(const Semaphore&) = delete;
-  ~Semaphore();
 
   // Takes one from the count, waiting for it if need be. False when `timeout_ms` passed without;
   // at once when it is 0 or below. The time is measured on the monotonic clock and starts anew when
@@ -34,9 +34,11 @@ class BSP_EXPORT Semaphore {
   void Signal();
 
  private:
-  std::mutex mutex_;  // guards count_
-  pthread_cond_t is_signalled_;
-  int32_t count_;
+  // Takes one from the count, and the caller from the waiters if it is one of them.
+  bool TryTake(bool is_waiter);
+
+  // The count in the lower half, as a signed number; in the upper one, the threads that wait.
+  std::atomic<uint64_t> state_;
 };
 
 // Free list of semaphores: what a call in flight borrows instead of building a mutex and a
@@ -61,7 +63,7 @@ class BSP_EXPORT SemaphorePool {
  private:
   SemaphorePool() = default;
 
-  std::mutex mutex_;  // guards the fields below
+  PiMutex mutex_;  // guards the fields below
   std::list<std::shared_ptr<Semaphore>> free_;
   std::list<std::shared_ptr<Semaphore>> spare_;  // empty nodes, so that lending allocates nothing
 };
