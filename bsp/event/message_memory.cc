@@ -5,6 +5,8 @@
 #include <new>
 #include <utility>
 
+#include "bsp/base/pi_mutex.h"
+
 namespace bsp {
 namespace {
 
@@ -29,7 +31,7 @@ class Depot {
 
   // False when the depot is full.
   bool Put(FreeBlock* bundle) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::lock_guard<PiMutex> lock(mutex_);
     const size_t count = count_.load(std::memory_order_relaxed);
     if (count == kDepotBundles) return false;
     bundles_[count] = bundle;
@@ -40,7 +42,7 @@ class Depot {
   // Null when the depot is empty.
   FreeBlock* Get() {
     if (count_.load(std::memory_order_relaxed) == 0) return nullptr;  // asked again under the lock
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::lock_guard<PiMutex> lock(mutex_);
     const size_t count = count_.load(std::memory_order_relaxed);
     if (count == 0) return nullptr;
     count_.store(count - 1, std::memory_order_relaxed);
@@ -48,7 +50,7 @@ class Depot {
   }
 
  private:
-  std::mutex mutex_;  // guards bundles_ and the writes of count_
+  PiMutex mutex_;  // guards bundles_ and the writes of count_
   FreeBlock* bundles_[kDepotBundles] = {};
   std::atomic<size_t> count_{0};
 };

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <utility>
 
 #include "bsp/log/log.h"
@@ -126,7 +127,7 @@ std::shared_ptr<Block> BlockManager::TakeBlock() {
   std::unique_ptr<Block> block;
   ControlMemory control;
   {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::lock_guard<PiMutex> lock(mutex_);
     const size_t count = cache_size_.load(std::memory_order_relaxed);
     if (count > 0) {
       block.reset(cache_[oldest_]);
@@ -156,7 +157,7 @@ void BlockManager::InternalRecyleBlock(Block* block) {
   block->size = 0;
   block->encode = false;
   {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::lock_guard<PiMutex> lock(mutex_);
     const size_t count = cache_size_.load(std::memory_order_relaxed);
     if (count < kBlockCacheLimit) {
       cache_[(oldest_ + count) % kBlockCacheLimit] = block;
@@ -174,7 +175,7 @@ size_t BlockManager::CacheSize() {
 
 void BlockManager::ReleaseControl(void* memory) {
   ControlMemory control(memory);
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const std::lock_guard<PiMutex> lock(mutex_);
   if (control_count_ < kBlockCacheLimit) controls_[control_count_++] = control.release();
 }
 

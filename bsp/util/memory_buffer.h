@@ -9,10 +9,10 @@
 #include <cstddef>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "bsp/base/macros.h"
+#include "bsp/base/pi_mutex.h"
 
 namespace bsp {
 
@@ -104,7 +104,7 @@ class BSP_EXPORT BlockManager {
   class ControlAllocator;
   void ReleaseControl(void* memory);
 
-  std::mutex mutex_;  // guards the fields below
+  PiMutex mutex_;  // guards the fields below
 
   // Blocks in order of their return, from number `oldest_` on, around the end. An array, since a
   // list would allocate in a deleter.
