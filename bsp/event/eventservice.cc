@@ -18,8 +18,8 @@
 //
 // Behind the last message the thread looks out for the next one for 2 microseconds, the cost of one
 // sleep and wake, before it sleeps. Else a thread of real-time priority, which is switched in for
-// each signal at once, sleeps and wakes for every single message of a burst. Not where there is one
-// processor: whoever is to post needs it.
+// each signal at once, sleeps and wakes for every single message of a burst. Not on the core of the
+// thread that woke it last: whoever is to post needs it.
 //
 // Due times are whole milliseconds and a message runs once the clock has passed its own: the thread
 // sleeps, in nanoseconds, to the beginning of the next millisecond. Looking at the clock again and
@@ -130,7 +130,7 @@ EventService::~EventService() {
 }
 
 std::shared_ptr<MSError> EventService::Init() {
-  const std::lock_guard<std::mutex> lock(queue_mutex_);
+  const std::lock_guard<PiMutex> lock(queue_mutex_);
   if (semaphore_) return kOk;
   try {
     semaphore_ = std::make_shared<Semaphore>(0);
@@ -197,7 +197,7 @@ void EventService::EndLoops() {
   running_ = false;
   std::shared_ptr<Semaphore> semaphore;
   {
-    const std::lock_guard<std::mutex> lock(queue_mutex_);
+    const std::lock_guard<PiMutex> lock(queue_mutex_);
     semaphore = semaphore_;
   }
   if (semaphore) semaphore->Signal();
@@ -249,9 +249,10 @@ void EventService::WakeSleepers(int64_t when) {
   std::shared_ptr<Semaphore> semaphore;
   int sleepers = 0;
   {
-    const std::lock_guard<std::mutex> lock(queue_mutex_);
+    const std::lock_guard<PiMutex> lock(queue_mutex_);
     if (when >= asleep_until_) return;  // another post was faster
     asleep_until_ = kNobodySleeps;
+    woken_from_ = sched_getcpu();
     sleepers = sleepers_;
     semaphore = semaphore_;
   }
@@ -263,7 +264,7 @@ void EventService::WakeSleepers(int64_t when) {
 void EventService::Clear(int id) {
   if (id < 0) return;
   MessageQueue removed;  // destroyed behind the lock: what messages hold may post in turn
-  const std::lock_guard<std::mutex> lock(queue_mutex_);
+  const std::lock_guard<PiMutex> lock(queue_mutex_);
   if (id == 0) {
     queue_.RemoveAll(&removed);
   } else {
@@ -286,13 +287,11 @@ void EventService::RunLoop(Loop* loop) {
 // False when a handler destroyed the service: nothing of it may be touched then.
 bool EventService::RunPass(Loop* loop) {
   int64_t wait_ns = 0;
-  std::unique_ptr<QueuedMessage> message = TakeDue(&wait_ns, !loop->has_run);
+  bool lingers = loop->has_run;
+  std::unique_ptr<QueuedMessage> message = TakeDue(&wait_ns, &lingers);
   if (!message) {
-    if (std::exchange(loop->has_run, false)) {
-      Linger(wait_ns);
-    } else {
-      Wait(wait_ns);
-    }
+    loop->has_run = false;
+    lingers ? Linger(wait_ns) : Wait(wait_ns);
     return true;
   }
   loop->has_run = true;
@@ -302,15 +301,16 @@ bool EventService::RunPass(Loop* loop) {
   return loop->service != nullptr;
 }
 
-// The first message if it is due. Else null, with the time to sleep; the caller is then announced
-// as a sleeper if it wants to be.
-std::unique_ptr<QueuedMessage> EventService::TakeDue(int64_t* wait_ns, bool sleeps) {
-  const std::lock_guard<std::mutex> lock(queue_mutex_);
+// The first message if it is due. Else null, with the time to sleep. The caller is then announced
+// as a sleeper, unless it wants to look out first and nobody on this core is to post.
+std::unique_ptr<QueuedMessage> EventService::TakeDue(int64_t* wait_ns, bool* lingers) {
+  const std::lock_guard<PiMutex> lock(queue_mutex_);
   for (;;) {
     const Message* const first = queue_.First();
     *wait_ns = first != nullptr ? TimeToRun(first->when) : kLongestWaitNanos;
     if (*wait_ns == 0) return queue_.PopFirst();
-    if (!sleeps) return nullptr;
+    *lingers = *lingers && woken_from_ != sched_getcpu();
+    if (*lingers) return nullptr;
     EnterSleep(first != nullptr ? first->when : kNoDueTime);
     // Told first, then looked: a post either sees the sleeper or is seen here.
     if (!queue_.HasPosted()) return nullptr;
@@ -331,8 +331,6 @@ void EventService::LeaveSleep() {
 }
 
 void EventService::Linger(int64_t wait_ns) const {
-  static const bool is_alone = std::thread::hardware_concurrency() == 1;
-  if (is_alone) return;
   const int64_t end = ClockNanos() + std::min(wait_ns, kLingerNanos);
   while (!queue_.HasPosted() && ClockNanos() < end) {
   }
@@ -342,7 +340,7 @@ void EventService::Wait(int64_t wait_ns) {
   // The semaphore is never exchanged once it is set, and set before any thread comes here. What
   // ended the wait does not matter; a count too many ends a later wait early.
   semaphore_->WaitNanos(wait_ns);
-  const std::lock_guard<std::mutex> lock(queue_mutex_);
+  const std::lock_guard<PiMutex> lock(queue_mutex_);
   LeaveSleep();
 }
 

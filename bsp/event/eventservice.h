@@ -12,6 +12,7 @@
 
 #include "bsp/base/error.h"
 #include "bsp/base/macros.h"
+#include "bsp/base/pi_mutex.h"
 #include "bsp/event/message.h"
 #include "bsp/event/message_queue.h"
 #include "bsp/util/semaphore.h"
@@ -89,7 +90,7 @@ class BSP_EXPORT EventService {
   void EndLoops();
   void RunLoop(Loop* loop);
   bool RunPass(Loop* loop);
-  std::unique_ptr<QueuedMessage> TakeDue(int64_t* wait_ns, bool sleeps);
+  std::unique_ptr<QueuedMessage> TakeDue(int64_t* wait_ns, bool* lingers);
   // Both with queue_mutex_ held.
   void EnterSleep(int64_t due_time);
   void LeaveSleep();
@@ -117,9 +118,10 @@ class BSP_EXPORT EventService {
   static constexpr int64_t kNobodySleeps = 0;  // no message is due before it
   std::atomic<int64_t> asleep_until_{kNobodySleeps};
 
-  alignas(kCacheLine) std::mutex queue_mutex_;  // guards the fields below, apart from posting
-  int sleepers_ = 0;                            // threads between a look in vain and the next
-  std::shared_ptr<Semaphore> semaphore_;        // what dispatching threads wait on; set once
+  alignas(kCacheLine) PiMutex queue_mutex_;  // guards the fields below, apart from posting
+  int woken_from_ = -1;                      // the core of the thread that signalled last
+  int sleepers_ = 0;                         // threads between a look in vain and the next
+  std::shared_ptr<Semaphore> semaphore_;     // what dispatching threads wait on; set once
   MessageQueue queue_;
 };
 
