@@ -82,6 +82,36 @@ TEST_F(ShmcCrash, ReadersSeeWholeValues) {
   EXPECT_EQ(bad, 0u);
 }
 
+// Two keys that take turns in one cell are never taken for each other, however the reader is held
+// up between finding the cell and reading it. Goes on until that has happened often enough.
+TEST_F(ShmcCrash, ReadersNeverGetAnotherKeysValue) {
+  constexpr unsigned long kKeys[] = {1, 38};  // the first row has 37 cells
+  static std::atomic<int> refused{0};
+  Map writer;
+  Map reader;
+  ASSERT_TRUE(OpenWriter(&writer) && reader.InitForRead(test::kMapName));
+  const Reports restores_the_hook;
+  shmc::impl::Utils<void>::log_func = [](shmc::LogLevel, const char* text) {
+    refused += strstr(text, "key has changed") != nullptr ? 1 : 0;
+  };
+  std::atomic<int> bad{0};
+  std::atomic<bool> is_over{false};
+  std::thread reading([&] {
+    for (size_t i = 0; !is_over; ++i) {
+      const std::string value = ReadValue(reader, kKeys[i % 2]);
+      bad += value.empty() || IsValueOf(kKeys[i % 2], value) ? 0 : 1;
+    }
+  });
+  const auto end = Clock::now() + std::chrono::seconds(60);
+  for (uint64_t store = 0; refused + bad < 5 && Clock::now() < end; ++store) {
+    EXPECT_TRUE(Store(&writer, kKeys[store % 2], store) && writer.Erase(kKeys[store % 2]));
+  }
+  is_over = true;
+  reading.join();
+  EXPECT_EQ(bad, 0);
+  EXPECT_GT(refused, 0);
+}
+
 // ---- Death of a writer
 
 // What must hold of the segments, however the last writer died while it changed `key`: a reader

@@ -8,8 +8,10 @@
 //   new key the key is written before), and then frees the old string.
 // - A reader loads link_buf of the cell, copies the string, checks that the cell still belongs to
 //   its key, and loads link_buf again. Equal, all 64 bits: no string comes twice under the same
-//   name, so that the copy is whole (shm_link_table.h tells which fences pair). Else it tries
-//   again, at most 64 times: each failure means that the writer replaced this very value once more.
+//   name, so that the copy is whole (shm_link_table.h tells which fences pair), and the key that
+//   was seen is that of the string: the writer stores a key into a free cell only, and so after the
+//   withdrawal of what stood there and the fence behind that. Else it tries again, at most 64
+//   times: each failure means that the writer replaced this very value once more.
 //
 // Rejected: a sequence number a cell, which makes readers wait for a writer that died between its
 // two increments; and a lock, which makes the writer wait for readers.
@@ -299,9 +301,11 @@ inline bool ShmHashMap<KeyType, Alloc>::ReadStable(const KeyType& key, const vol
   for (size_t attempt = 0; attempt < kMaxAttempts; ++attempt) {
     const link_buf_t buf = node->link_buf;
     const bool is_read = read(buf);
-    // What was copied, before what is checked; pairs with the release fence in Free.
+    const KeyType found_key = impl::Load(&node->key);
+    // What was copied, and the key, before link_buf: a key that was stored after a withdrawal must
+    // not pass for that of the string before it. Pairs with the release fence in Free.
     impl::AcquireFence();
-    if (is_read && impl::Load(&node->key) != key) {
+    if (is_read && found_key != key) {
       Log::Log(kLogInfo, "ShmHashMap::DoRead fail as key has changed\n");
       return false;
     }
