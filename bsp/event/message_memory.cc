@@ -5,6 +5,7 @@
 #include <new>
 #include <utility>
 
+#include "bsp/base/asan.h"
 #include "bsp/base/pi_mutex.h"
 
 namespace bsp {
@@ -86,8 +87,8 @@ FreeBlock* SplitBundle(Cache* cache) {
 
 void* MessageMemory::Take(size_t size) {
   Cache& cache = t_cache;
-  if (cache.count == 0) {
-    FreeBlock* const bundle = cache.is_closed ? nullptr : Depot::Instance().Get();
+  if (cache.count == 0 || kAsan) {
+    FreeBlock* const bundle = cache.is_closed || kAsan ? nullptr : Depot::Instance().Get();
     if (bundle == nullptr) return ::operator new(size);
     t_cache_closer.Touch();
     cache.chain = bundle;
@@ -99,7 +100,7 @@ void* MessageMemory::Take(size_t size) {
 
 void MessageMemory::Give(void* block) {
   Cache& cache = t_cache;
-  if (cache.is_closed) {
+  if (cache.is_closed || kAsan) {
     ::operator delete(block);
     return;
   }

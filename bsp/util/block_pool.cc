@@ -8,6 +8,7 @@
 #include <mutex>
 #include <utility>
 
+#include "bsp/base/asan.h"
 #include "bsp/log/log.h"
 #include "bsp/util/block_stash.h"
 #include "bsp/util/memory_buffer.h"
@@ -131,6 +132,7 @@ std::shared_ptr<Block> BlockManager::TakeBlock() {
     const size_t count = cache_size_.load(std::memory_order_relaxed);
     if (count > 0) {
       block.reset(cache_[oldest_]);
+      Unpoison(block.get(), sizeof(Block));
       oldest_ = (oldest_ + 1) % kBlockCacheLimit;
       cache_size_.store(count - 1, std::memory_order_relaxed);
     }
@@ -160,6 +162,7 @@ void BlockManager::InternalRecyleBlock(Block* block) {
     const std::lock_guard<PiMutex> lock(mutex_);
     const size_t count = cache_size_.load(std::memory_order_relaxed);
     if (count < kBlockCacheLimit) {
+      Poison(block, sizeof(Block));  // until it is taken, whoever still knows it is in the wrong
       cache_[(oldest_ + count) % kBlockCacheLimit] = block;
       cache_size_.store(count + 1, std::memory_order_relaxed);
       return;
@@ -175,6 +178,7 @@ size_t BlockManager::CacheSize() {
 
 void BlockManager::ReleaseControl(void* memory) {
   ControlMemory control(memory);
+  if (kAsan) return;
   const std::lock_guard<PiMutex> lock(mutex_);
   if (control_count_ < kBlockCacheLimit) controls_[control_count_++] = control.release();
 }

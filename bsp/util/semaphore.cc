@@ -63,8 +63,8 @@ constexpr long kFutex = SYS_futex;
 // Sleeps while the count is `count`, until a wake or the deadline. False at the deadline.
 bool Sleep(uint32_t* word, int32_t count, const struct timespec& deadline) {
   for (;;) {
-    const long result = syscall(kFutex, word, FUTEX_WAIT_BITSET_PRIVATE, count, &deadline,
-                                nullptr, FUTEX_BITSET_MATCH_ANY);
+    const long result = syscall(kFutex, word, FUTEX_WAIT_BITSET_PRIVATE, count, &deadline, nullptr,
+                                FUTEX_BITSET_MATCH_ANY);
     if (result == 0 || errno == EAGAIN) return true;
     if (errno != EINTR) return false;
   }
