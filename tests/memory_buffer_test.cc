@@ -252,6 +252,31 @@ TEST(Buffer, StaysInsideItsBytes) {
   EXPECT_EQ(std::string(seen->data, seen->size), "own");
 }
 
+// Appended to itself, a chain of nearly empty blocks grows by its bytes, not by its blocks.
+TEST(Buffer, AppendedToItselfIsPacked) {
+  Buffer buffer = MemoryBuffer::Create();
+  std::string model;
+  for (int i = 0; i < 10; ++i, model += 'x') buffer->WriteBytes2NewBlock("x", 1);
+  for (int i = 0; i < 12; ++i, model += model) buffer->AppendBuffer(buffer);
+  EXPECT_EQ(buffer->ToString(), model);
+  EXPECT_EQ(buffer->SizeByEncode(), model.size());
+  EXPECT_LE(buffer->blocks().size(), 10 + 12 + model.size() / kBlockCapacity);
+}
+
+#ifdef __SANITIZE_ADDRESS__
+// The pools do not hide a use after release from the sanitizer.
+TEST(Pool, ReleasedBlocksAreOutOfBounds) {
+  test::Child child = test::Child::Fork([] {
+    auto block = Block::TakeBlock();
+    const char* const data = block->data;
+    block.reset();
+    return *const_cast<const volatile char*>(data) == 'x' ? 2 : 0;
+  });
+  EXPECT_EQ(child.Wait(), 1);
+  EXPECT_NE(child.output().find("use-after-poison"), std::string::npos) << child.output();
+}
+#endif
+
 // No argument may crash, hang or change anything: null, self, blocks that lie or stand twice.
 TEST(Buffer, BearsHostileArguments) {
   testing::internal::CaptureStdout();  // the refusals

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "bsp/base/asan.h"
 #include "bsp/util/memory_buffer.h"
 
 namespace bsp {
@@ -36,8 +37,8 @@ class BlockStash {
   using Chain = MemoryBuffer::Chain;
 
   // The stash of the calling thread; null when the thread is past its end and its thread-local
-  // objects are gone, as in destructors of statics.
-  static BlockStash* Mine() { return t_mine_ != nullptr ? t_mine_ : MakeMine(); }
+  // objects are gone, as in destructors of statics, and always under AddressSanitizer.
+  static BlockStash* Mine() { return t_mine_ != nullptr || kAsan ? t_mine_ : MakeMine(); }
 
   // The same without making it: null as well when this thread has had no need of one so far.
   static BlockStash* AtHand() { return t_mine_; }
@@ -48,20 +49,28 @@ class BlockStash {
   }
 
   // Moves the warm block, empty, to the end of *chain. False when there is none.
-  bool TakeWarm(Chain* chain) {
-    if (warm_.empty()) return false;
-    chain->splice(chain->end(), warm_, warm_.begin());
+  bool TakeWarm(std::unique_ptr<Chain>* chain) {
+    if (warm_->empty()) return false;
+    if ((*chain)->empty()) {
+      chain->swap(warm_);
+    } else {
+      (*chain)->splice((*chain)->end(), *warm_, warm_->begin());
+    }
     return true;
   }
 
   // Makes the first block of *chain the warm one; the former goes to the pool.
-  void KeepWarm(Chain* chain) {
+  void KeepWarm(std::unique_ptr<Chain>* chain) {
     SendToPool();
-    Block& block = *chain->front();
+    Block& block = *(*chain)->front();
     block.data[0] = 0;
     block.size = 0;
     block.encode = false;
-    warm_.splice(warm_.end(), *chain, chain->begin());
+    if ((*chain)->size() == 1) {
+      chain->swap(warm_);
+    } else {
+      warm_->splice(warm_->end(), **chain, (*chain)->begin());
+    }
   }
 
   // Appends the block to *chain, in a node at hand if there is one.
@@ -76,16 +85,17 @@ class BlockStash {
 
   static BlockStash* MakeMine();
   void SendToPool() {
-    if (!warm_.empty()) Drop(&warm_, warm_.begin());
+    if (!warm_->empty()) Drop(warm_.get(), warm_->begin());
   }
 
-  // Read on every path: one load with the model `initial-exec`, a call with the default one. Its 16
-  // bytes fit into what glibc keeps free for libraries that are loaded late.
+  // Not with the model `initial-exec`, which spares a call at each access: one variable of that
+  // kind takes all thread-local bytes of the library out of the few that libraries loaded late may
+  // have.
   // `__thread` instead of `thread_local`, which would ask for a constructor at each access.
-  static __thread BlockStash* t_mine_ __attribute__((tls_model("initial-exec")));
-  static __thread bool t_is_gone_ __attribute__((tls_model("initial-exec")));
+  static __thread BlockStash* t_mine_;
+  static __thread bool t_is_gone_;
 
-  Chain warm_;   // at most one block
+  std::unique_ptr<Chain> warm_ = std::make_unique<Chain>();  // at most one block
   Chain nodes_;  // empty pointers, at most kBlockCacheLimit
 };
 

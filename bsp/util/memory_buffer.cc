@@ -8,7 +8,8 @@
 //   block is needed: a write that does not fit behind the last byte, a block that changes its
 //   buffer, an operation that shows the chain.
 // - A block that runs empty goes back to the pool, and the next write takes one. Here it stays with
-//   the thread instead (block_stash.h).
+//   the thread instead (block_stash.h). The chain hangs on a pointer, so that the only block of a
+//   chain goes there and comes back with its list, by two stores.
 // - Each block needs a node of the chain; the thread keeps those too.
 //
 // Seen from outside, valid bytes are always data[0] to data[size - 1], and the chain has the blocks
@@ -40,42 +41,42 @@ void RefuseNull(size_t len) {
 
 std::shared_ptr<MemoryBuffer> MemoryBuffer::Create() { return std::make_shared<MemoryBuffer>(); }
 
-MemoryBuffer::MemoryBuffer() = default;
+MemoryBuffer::MemoryBuffer() : chain_(std::make_unique<Chain>()) {}
 
 MemoryBuffer::~MemoryBuffer() = default;
 
 size_t MemoryBuffer::SizeByEncode() const {
   size_t sum = 0;
-  for (const auto& block : blocks_) sum += block->size;
+  for (const auto& block : *chain_) sum += block->size;
   return sum - front_read_;
 }
 
 MemoryBuffer::Chain& MemoryBuffer::blocks() {
   Open();
-  return blocks_;
+  return *chain_;
 }
 
 // Nobody outside may know the block: it stays with the thread.
 inline void MemoryBuffer::DropFrontBlock() {
   BlockStash* const stash = BlockStash::AtHand();
   if (stash != nullptr) {
-    stash->KeepWarm(&blocks_);
+    stash->KeepWarm(&chain_);
   } else {
-    DropBlock(blocks_.begin());
+    DropBlock(chain_->begin());
   }
 }
 
 // The node stays with the thread.
 MemoryBuffer::Chain::iterator MemoryBuffer::DropBlock(Chain::iterator block) {
   BlockStash* const stash = BlockStash::Mine();
-  if (stash == nullptr) return blocks_.erase(block);
-  return stash->Drop(&blocks_, block);
+  if (stash == nullptr) return chain_->erase(block);
+  return stash->Drop(chain_.get(), block);
 }
 
 inline Block* MemoryBuffer::AddBlock() {
   BlockStash* const stash = BlockStash::AtHand();
-  if (stash == nullptr || is_open_ || !stash->TakeWarm(&blocks_)) return AddPoolBlock();
-  return blocks_.back().get();
+  if (stash == nullptr || is_open_ || !stash->TakeWarm(&chain_)) return AddPoolBlock();
+  return chain_->back().get();
 }
 
 Block* MemoryBuffer::AddPoolBlock() {
@@ -84,31 +85,35 @@ Block* MemoryBuffer::AddPoolBlock() {
   BlockStash* const stash = BlockStash::Mine();
   if (added == nullptr) return nullptr;
   if (stash != nullptr) {
-    stash->Append(&blocks_, std::move(block));
+    stash->Append(chain_.get(), std::move(block));
   } else {
-    blocks_.push_back(std::move(block));
+    chain_->push_back(std::move(block));
   }
   return added;
 }
 
+// The usual case alone: what else there is would cost it a frame.
 void MemoryBuffer::WriteBytes(const char* data, size_t len) {
-  if (blocks_.empty()) {
-    WriteBytes2NewBlock(data, len);
-    return;
-  }
-  if (data == nullptr) {
-    RefuseNull(len);
-    return;
-  }
-  Block& last = *blocks_.back();
+  if (chain_->empty() || data == nullptr) return WriteMore(data, len);
+  Block& last = *chain_->back();
+  if (len > kBlockCapacity || last.size > kBlockCapacity - len) return WriteMore(data, len);
+  char* const end = last.data + last.size;
+  last.size += len;
+  size_ += len;
+  CopyPayload(end, data, len);
+}
+
+// Nothing to write to, not enough room there, or nothing to write.
+void MemoryBuffer::WriteMore(const char* data, size_t len) {
+  if (chain_->empty()) return WriteBytes2NewBlock(data, len);
+  if (data == nullptr) return RefuseNull(len);
+  Block& last = *chain_->back();
   // The only block may hold consumed bytes, whose room counts as free.
-  if (front_read_ > 0 && blocks_.size() == 1 && len > last.RemainSize()) SettleFront();
+  if (front_read_ > 0 && chain_->size() == 1) SettleFront();
   const size_t count = std::min(len, kBlockCapacity - HeldBytes(last));
-  if (count > 0) {
-    CopyPayload(last.data + last.size, data, count);
-    last.size += count;
-    size_ += count;
-  }
+  if (count > 0) CopyPayload(last.data + last.size, data, count);
+  last.size += count;
+  size_ += count;
   if (count < len) WriteBytes2NewBlock(data + count, len - count);
 }
 
@@ -142,7 +147,7 @@ void MemoryBuffer::AppendBlock(std::shared_ptr<Block> block) {
   }
   Open();
   const size_t count = block->size;
-  blocks_.push_back(std::move(block));
+  chain_->push_back(std::move(block));
   size_ += count;
 }
 
@@ -154,20 +159,32 @@ void MemoryBuffer::AppendBuffer(std::shared_ptr<MemoryBuffer> other) {
   Open();
   other->Open();
   if (other.get() != this) {
-    blocks_.insert(blocks_.end(), other->blocks_.begin(), other->blocks_.end());
-    size_ += other->size_;
+    chain_->insert(chain_->end(), other->chain_->begin(), other->chain_->end());
+    size_ += other->size();
     return;
   }
-  Chain copies;
-  for (const auto& block : blocks_) {
-    copies.push_back(Block::TakeBlock());
-    copies.back()->WriteBytes(block->data, HeldBytes(*block));
-  }
-  blocks_.splice(blocks_.end(), copies);
-  size_ += size_;
+  // Packed: block by block, a chain of nearly empty blocks would double into gigabytes for some
+  // bytes.
+  MemoryBuffer copies;
+  copies.Open();
+  CopyTo(&copies, size_);
+  chain_->splice(chain_->end(), *copies.chain_);
+  size_ += copies.size_;
 }
 
+// As in WriteBytes: bytes of the first block, which keeps some.
 size_t MemoryBuffer::ReadBytes(char* dst, size_t len) {
+  if (is_open_ || dst == nullptr || len >= size_) return ReadMore(dst, len);
+  const Block& block = *chain_->front();
+  if (len >= block.size - front_read_) return ReadMore(dst, len);
+  const char* const begin = block.data + front_read_;
+  front_read_ += len;
+  size_ -= len;
+  CopyPayload(dst, begin, len);
+  return len;
+}
+
+size_t MemoryBuffer::ReadMore(char* dst, size_t len) {
   len = std::min(len, size_);
   if (len == 0) return 0;
   size_ -= len;
@@ -176,7 +193,7 @@ size_t MemoryBuffer::ReadBytes(char* dst, size_t len) {
 
   size_t left = len;
   for (;;) {
-    const Block& block = *blocks_.front();
+    const Block& block = *chain_->front();
     const size_t count = std::min(left, block.size - front_read_);
     if (dst != nullptr && count > 0) {
       CopyPayload(dst, block.data + front_read_, count);
@@ -205,8 +222,8 @@ size_t MemoryBuffer::ReadBuffer(std::shared_ptr<MemoryBuffer> dst, size_t len) {
   len = std::min(len, size_);
   size_t left = len;
   // At most once around the chain, should its blocks hold less than the count says.
-  for (size_t blocks = blocks_.size(); left > 0 && blocks > 0; --blocks) {
-    const Block& block = *blocks_.front();
+  for (size_t blocks = chain_->size(); left > 0 && blocks > 0; --blocks) {
+    const Block& block = *chain_->front();
     const size_t held = HeldBytes(block) - front_read_;
     if (left < held) {
       dst->WriteBytes(block.data + front_read_, left);
@@ -225,7 +242,7 @@ long MemoryBuffer::ReadAllBytes(char* dst, size_t capacity) {
 }
 
 void MemoryBuffer::Clear() {
-  blocks_.clear();
+  chain_->clear();
   size_ = 0;
   front_read_ = 0;
 }
@@ -235,7 +252,7 @@ size_t MemoryBuffer::CopyBytes(char* dst, size_t offset, size_t len) const {
   len = std::min(len, size_ - offset);
   offset += front_read_;
   size_t done = 0;
-  for (auto block = blocks_.begin(); block != blocks_.end() && done < len; ++block) {
+  for (auto block = chain_->begin(); block != chain_->end() && done < len; ++block) {
     const size_t held = HeldBytes(**block);
     if (offset >= held) {
       offset -= held;
@@ -263,14 +280,18 @@ bool MemoryBuffer::CopyString(size_t offset, std::string* dst, size_t len) const
 
 bool MemoryBuffer::CopyBuffer(std::shared_ptr<MemoryBuffer> dst, size_t len) {
   if (dst == nullptr || len > size_) return false;
+  CopyTo(dst.get(), len);
+  return true;
+}
+
+void MemoryBuffer::CopyTo(MemoryBuffer* dst, size_t len) {
   SettleFront();
   // Also right when dst is this buffer: the first `len` bytes stay where they are.
-  for (auto block = blocks_.begin(); block != blocks_.end() && len > 0; ++block) {
+  for (auto block = chain_->begin(); block != chain_->end() && len > 0; ++block) {
     const size_t count = std::min(len, HeldBytes(**block));
     if (count > 0) dst->WriteBytes((*block)->data, count);
     len -= count;
   }
-  return true;
 }
 
 std::string MemoryBuffer::ToString() const {
@@ -281,8 +302,8 @@ std::string MemoryBuffer::ToString() const {
 
 MemoryBuffer::Chain::iterator MemoryBuffer::GetPostion(size_t pos, size_t* offset) {
   Open();
-  if (offset == nullptr || pos >= size_) return blocks_.end();
-  for (auto block = blocks_.begin(); block != blocks_.end(); ++block) {
+  if (offset == nullptr || pos >= size_) return chain_->end();
+  for (auto block = chain_->begin(); block != chain_->end(); ++block) {
     const size_t held = HeldBytes(**block);
     if (held > pos) {
       *offset = pos;
@@ -290,13 +311,13 @@ MemoryBuffer::Chain::iterator MemoryBuffer::GetPostion(size_t pos, size_t* offse
     }
     pos -= held;
   }
-  return blocks_.end();
+  return chain_->end();
 }
 
 size_t MemoryBuffer::Pieces(iovec* pieces, size_t count, size_t len) const {
   size_t used = 0;
   size_t skip = front_read_;
-  for (auto block = blocks_.begin(); block != blocks_.end() && used < count && len > 0; ++block) {
+  for (auto block = chain_->begin(); block != chain_->end() && used < count && len > 0; ++block) {
     const size_t length = std::min(HeldBytes(**block) - skip, len);
     if (length > 0) pieces[used++] = {(*block)->data + skip, length};
     len -= length;
@@ -306,12 +327,12 @@ size_t MemoryBuffer::Pieces(iovec* pieces, size_t count, size_t len) const {
 }
 
 void MemoryBuffer::DumpData() const {
-  for (const auto& block : blocks_) static_cast<void>(block);
+  for (const auto& block : *chain_) static_cast<void>(block);
 }
 
 bool MemoryBuffer::SetEncode(bool encode) {
-  for (const auto& block : blocks_) block->encode = encode;
-  return !blocks_.empty();
+  for (const auto& block : *chain_) block->encode = encode;
+  return !chain_->empty();
 }
 
 void MemoryBuffer::ReplaceString2Buffer(const std::string& pattern,
@@ -336,27 +357,27 @@ void MemoryBuffer::ReplaceString2Buffer(const std::string& pattern,
   tail->WriteBytes(end_block.data + match.tail_offset, HeldBytes(end_block) - match.tail_offset);
 
   MemoryBuffer result;
-  for (auto block = blocks_.begin(); block != match.start; ++block) result.AppendBlock(*block);
+  for (auto block = chain_->begin(); block != match.start; ++block) result.AppendBlock(*block);
   result.AppendBlock(head);
   if (replacement.get() == this) {
     std::shared_ptr<MemoryBuffer> copy = Create();
     CopyBuffer(copy, size_);
     replacement = std::move(copy);
   }
-  for (const auto& block : replacement->blocks_) result.AppendBlock(block);
+  for (const auto& block : *replacement->chain_) result.AppendBlock(block);
   result.AppendBlock(tail);
-  for (auto block = std::next(match.end); block != blocks_.end(); ++block) {
+  for (auto block = std::next(match.end); block != chain_->end(); ++block) {
     result.AppendBlock(*block);
   }
-  blocks_.swap(result.blocks_);
+  chain_->swap(*result.chain_);
   size_ = result.size_;
 }
 
 bool MemoryBuffer::FindForward(const std::string& pattern, Match* match) {
   size_t matched = 0;
-  match->start = blocks_.begin();
+  match->start = chain_->begin();
   match->head_length = 0;
-  for (auto block = blocks_.begin(); block != blocks_.end(); ++block) {
+  for (auto block = chain_->begin(); block != chain_->end(); ++block) {
     const size_t held = HeldBytes(**block);
     for (size_t i = 0; i < held; ++i) {
       if ((*block)->data[i] != pattern[matched]) {
@@ -380,13 +401,13 @@ void MemoryBuffer::Open() {
 
 void MemoryBuffer::SettleFront() {
   if (front_read_ == 0) return;
-  blocks_.front()->ReadBytes(nullptr, front_read_);
+  chain_->front()->ReadBytes(nullptr, front_read_);
   front_read_ = 0;
 }
 
 size_t MemoryBuffer::ReadOpenChain(char* dst, size_t len) {
   size_t done = 0;
-  for (auto block = blocks_.begin(); block != blocks_.end() && done < len;) {
+  for (auto block = chain_->begin(); block != chain_->end() && done < len;) {
     done += (*block)->ReadBytes(dst == nullptr ? nullptr : dst + done, len - done);
     block = (*block)->size == 0 ? DropBlock(block) : std::next(block);
   }
@@ -395,9 +416,9 @@ size_t MemoryBuffer::ReadOpenChain(char* dst, size_t len) {
 
 void MemoryBuffer::MoveFrontBlock(MemoryBuffer* dst) {
   SettleFront();
-  const size_t held = HeldBytes(*blocks_.front());
+  const size_t held = HeldBytes(*chain_->front());
   if (is_open_) dst->Open();
-  dst->blocks_.splice(dst->blocks_.end(), blocks_, blocks_.begin());
+  dst->chain_->splice(dst->chain_->end(), *chain_, chain_->begin());
   size_ -= std::min(held, size_);
   dst->size_ += held;
 }

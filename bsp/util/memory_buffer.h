@@ -58,7 +58,8 @@ class BSP_EXPORT Block {
   // Prints the cache limit and the number of blocks in the cache on standard output.
   static void DumpBlocksInfo();
 
-  char data[kBlockCapacity];
+  // 64: a cache line. What is written by whole registers is then read back so without waiting.
+  alignas(64) char data[kBlockCapacity];
   size_t size;  // valid bytes
   bool encode;  // a mark of MemoryBuffer::SetEncode; the library does not read it
 
@@ -165,8 +166,8 @@ class BSP_EXPORT MemoryBuffer {
   void AppendBlock(std::shared_ptr<Block> block);
 
   // Puts the blocks of `other` at the end, shared, not copied; `other` keeps its count. Appended to
-  // itself, a buffer gets copies of its blocks, since a block that stands twice in a chain would be
-  // read once.
+  // itself, a buffer gets a copy of its bytes in blocks of its own, since a block that stands twice
+  // in a chain would be read once.
   void AppendBuffer(std::shared_ptr<MemoryBuffer> other);
 
   // ---- Reading and consuming at the front
@@ -234,6 +235,9 @@ class BSP_EXPORT MemoryBuffer {
     size_t tail_offset;
   };
 
+  void WriteMore(const char* data, size_t len);
+  size_t ReadMore(char* dst, size_t len);
+  void CopyTo(MemoryBuffer* dst, size_t len);
   bool FindForward(const std::string& pattern, Match* match);
 
   // Makes the chain fit to be seen from outside, for good.
@@ -250,10 +254,10 @@ class BSP_EXPORT MemoryBuffer {
   // Moves the whole first block to the end of *dst.
   void MoveFrontBlock(MemoryBuffer* dst);
 
-  size_t size_ = 0;        // bytes not consumed
-  Chain blocks_;           // in stream order
-  size_t front_read_ = 0;  // consumed bytes that still lie at the front of the first block
-  bool is_open_ = false;   // a block may be seen from outside; front_read_ is then 0
+  size_t size_ = 0;               // bytes not consumed
+  std::unique_ptr<Chain> chain_;  // the blocks in stream order; never null
+  size_t front_read_ = 0;         // consumed bytes that still lie at the front of the first block
+  bool is_open_ = false;          // a block may be seen from outside; front_read_ is then 0
 };
 
 }  // namespace bsp
