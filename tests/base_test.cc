@@ -181,4 +181,13 @@ TEST(TimeUtil, TextsAndClocks) {
   EXPECT_TRUE(second >= early / 1000 - 1 && second <= TimeUtil::TimeMillis() / 1000) << second;
 }
 
+// A program that loads the library late, after others have taken the room for static thread-local
+// storage, can, and is rid of it again when it unloads it.
+TEST(Library, LoadsLateAndUnloads) {
+  const std::string tests = BSP_TEST_BUILD_DIR "/tests/";
+  test::Child host = test::Child::Run(
+      {tests + "plugin_host", tests + "tls_hog.so", BSP_TEST_BUILD_DIR "/lib/libbsp.so"});
+  EXPECT_EQ(host.Wait(), 0) << host.output();
+}
+
 }  // namespace
