@@ -1,7 +1,9 @@
 // Segments, link table, hash table and hash map as one writer and its readers see them.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <array>
+#include <fstream>
 #include <limits>
 #include <map>
 #include <random>
@@ -9,6 +11,7 @@
 #include <vector>
 
 #include "bsp/shmc/shm_hash_map.h"
+#include "tests/support/child.h"
 #include "tests/support/shmc_support.h"
 
 namespace {
@@ -52,6 +55,28 @@ TEST_F(Shmc, AttachByModeAndState) {
   EXPECT_TRUE(alloc.str2key("0x76a000000zz", &key));  // cut to 32 bits, the rest not looked at
   EXPECT_EQ(key, 0x6a000000);
 }
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+// A segment that was made and could not be attached, here for want of address space, does not stay
+// to stand in the way of the next one.
+TEST_F(Shmc, FailedAttachLeavesNoSegment) {
+  constexpr size_t kSize = 64 << 20;
+  test::Child child = test::Child::Fork([] {
+    struct rlimit limit = {};
+    size_t pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    getrlimit(RLIMIT_AS, &limit);
+    limit.rlim_cur = pages * 4096 + kSize / 2;
+    setrlimit(RLIMIT_AS, &limit);
+    test::ShmAlloc alloc;
+    return alloc.Attach_MayCreate(test::kHashName, kSize, nullptr, nullptr) == nullptr ? 0 : 1;
+  });
+  EXPECT_EQ(child.Wait(), 0);
+  test::ShmAlloc alloc;
+  EXPECT_EQ(alloc.Attach_ReadOnly(test::kHashName, 1, nullptr), nullptr);
+  EXPECT_EQ(alloc.last_errno(), kShmAllocNotExist);
+}
+#endif
 
 // The segment has the bytes that every release of the library reads and writes.
 TEST_F(Shmc, LinkTableBytes) {

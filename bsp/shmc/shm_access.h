@@ -101,6 +101,15 @@ inline void Copy(void* to, const void* from, size_t n) {
 
 #endif
 
+// Whether `n` shared bytes are all zero.
+inline bool IsZero(const void* shared, size_t n) {
+  const auto* const bytes = static_cast<const uint8_t*>(shared);
+  for (size_t i = 0; i < n; ++i) {
+    if (Load(bytes + i) != 0) return false;
+  }
+  return true;
+}
+
 // Copies `n` shared bytes at any address to private memory.
 inline void CopyOut(void* to, const void* shared, size_t n) { Copy(to, shared, n); }
 

@@ -70,21 +70,20 @@ void* SVIPCShmAlloc<false>::Attach(const std::string& name, size_t size, int fla
     }
     return nullptr;
   }
-  void* addr = shmat(id, nullptr, (flags & kAttachReadOnly) != 0 ? SHM_RDONLY : 0);
-  if (addr == reinterpret_cast<void*>(-1)) {
-    set_last_errno(conv_errno());
-    return nullptr;
-  }
-  if (real_size == nullptr) return addr;
+  // With kAttachExcl alone it is known that the segment is ours and nobody else uses it yet.
+  const bool is_made_here = creates && (flags & kAttachExcl) != 0;
+  void* const addr = shmat(id, nullptr, (flags & kAttachReadOnly) != 0 ? SHM_RDONLY : 0);
+  const bool is_attached = addr != reinterpret_cast<void*>(-1);
   shmid_ds state = {};
-  if (shmctl(id, IPC_STAT, &state) == -1) {
+  if (!is_attached || (real_size != nullptr && shmctl(id, IPC_STAT, &state) == -1)) {
     const int saved = errno;
     set_last_errno(conv_errno());
-    shmdt(addr);  // just attached: cannot fail
+    if (is_attached) shmdt(addr);                     // just attached: cannot fail
+    if (is_made_here) shmctl(id, IPC_RMID, nullptr);  // as far as it goes
     errno = saved;
     return nullptr;
   }
-  *real_size = state.shm_segsz;
+  if (real_size != nullptr) *real_size = state.shm_segsz;
   return addr;
 }
 

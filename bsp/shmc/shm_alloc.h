@@ -37,7 +37,8 @@ class BSP_EXPORT ShmAlloc {
   virtual ~ShmAlloc();
 
   // The address, or null. `size`: the least size of an existing segment, the size of a new one.
-  // *real_size: the size the segment has. Pointers may be null.
+  // *real_size: the size the segment has. Pointers may be null. A segment that was created and then
+  // could not be attached is removed again.
   virtual void* Attach(const std::string& name, size_t size, int flags, size_t* real_size) = 0;
   virtual bool Detach(void* addr, size_t size) = 0;
   virtual bool Unlink(const std::string& name) = 0;

@@ -112,6 +112,10 @@ class BSP_EXPORT ShmHashMap {
   bool Travel(TravelPos* pos, size_t max_travel_nodes,
               std::function<void(const KeyType&, const std::string&)> func);
 
+  // Empties the map, whatever stands in it: also what no look-up and no walk reaches, and nodes
+  // that no entry holds. Readers are not disturbed. A writer's call.
+  void Clear();
+
   // Takes back what writers left behind when they died: nodes that no entry holds, and cells whose
   // value is not whole or that no look-up of their key reaches. Entries and readers are not
   // disturbed. Gives the nodes gained. A writer's call; costs a walk over all cells and values.
@@ -182,6 +186,14 @@ bool ShmHashMap<KeyType, Alloc>::InitForRead(const std::string& name) {
     return false;
   }
   return true;
+}
+
+template <typename KeyType, typename Alloc>
+void ShmHashMap<KeyType, Alloc>::Clear() {
+  if (!HasWriter("Clear")) return;
+  typename HashTable::TravelPos pos;
+  hash_table_.Travel(&pos, 0, [](volatile HTNode* node) { node->link_buf.clear(); });
+  link_table_.TakeBack(link_table_.StartCensus());
 }
 
 template <typename KeyType, typename Alloc>

@@ -61,7 +61,8 @@ class BSP_EXPORT ShmHashTable {
   };
 
   // With it InitForWrite completes a head that a dead writer left half laid out, instead of
-  // refusing it. Off by default; before InitForWrite.
+  // refusing it; one in which nothing is written yet is laid out in any case. Off by default;
+  // before InitForWrite.
   void set_rebuild(bool on) { rebuild_ = on; }
 
   // Attaches a table for about `capacity` keys (1 to 0xcccccccc), lays out a new segment or checks
@@ -128,6 +129,7 @@ class BSP_EXPORT ShmHashTable {
   static size_t CellsFor(size_t capacity);
   static size_t SquareRoot(size_t number);
   void LayOut(const Geometry& geometry);
+  void WipeCells(const Geometry& geometry);
   bool IsUnfinished(const Geometry& geometry) const;
   bool CheckForWrite(const Geometry& geometry) const;
   void Adopt(const Geometry& geometry);
@@ -226,7 +228,7 @@ bool ShmHashTable<Key, Node, Alloc>::InitForWrite(const std::string& name, size_
     Log::Log(kLogError, "ShmHashTable::InitForWrite: shm init(%s, %lu) fail\n", name.c_str(), size);
     return false;
   }
-  is_fresh_ = shm_.is_newly_created() || (rebuild_ && IsUnfinished(geometry));
+  is_fresh_ = shm_.is_newly_created() || IsUnfinished(geometry);
   if (is_fresh_) {
     LayOut(geometry);
   } else if (!CheckForWrite(geometry)) {
@@ -239,6 +241,8 @@ bool ShmHashTable<Key, Node, Alloc>::InitForWrite(const std::string& name, size_
 template <typename Key, typename Node, typename Alloc>
 void ShmHashTable<Key, Node, Alloc>::LayOut(const Geometry& geometry) {
   ShmHead* head = shm_.ptr();
+  // Cells under a head that somebody has wiped would name strings that are not theirs.
+  if (!shm_.is_newly_created()) WipeCells(geometry);
   impl::Store(&head->magic, kMagic);
   impl::Store(&head->ver, kVer);
   impl::Store(&head->head_size, kHeadSize);
@@ -251,17 +255,27 @@ void ShmHashTable<Key, Node, Alloc>::LayOut(const Geometry& geometry) {
   impl::Store(&head->max_row, 0);
 }
 
-// A writer died in LayOut: each field is right or still zero. The cells were never used.
+template <typename Key, typename Node, typename Alloc>
+void ShmHashTable<Key, Node, Alloc>::WipeCells(const Geometry& geometry) {
+  auto* const words = reinterpret_cast<uint64_t*>(reinterpret_cast<char*>(shm_.ptr()) + kHeadSize);
+  for (size_t i = 0; i < geometry.node_count * kNodeSize / sizeof *words; ++i) {
+    if (impl::Load(&words[i]) != 0) impl::Store(&words[i], 0);
+  }
+}
+
+// A writer died before LayOut and nothing is written, or, for who may rebuild, within it and each
+// field is right or still zero.
 template <typename Key, typename Node, typename Alloc>
 bool ShmHashTable<Key, Node, Alloc>::IsUnfinished(const Geometry& geometry) const {
+  if (!shm_.CheckSize(geometry.node_count * kNodeSize + kHeadSize)) return false;
+  if (!rebuild_) return impl::IsZero(shm_.ptr(), kHeadSize);
   const auto fits = [](uint64_t found, uint64_t right) { return found == right || found == 0; };
   return impl::Load(&shm_->row_num) == 0 && fits(impl::Load(&shm_->magic), kMagic) &&
          fits(impl::Load(&shm_->ver), kVer) && fits(impl::Load(&shm_->head_size), kHeadSize) &&
          fits(impl::Load(&shm_->node_size), kNodeSize) &&
          fits(impl::Load(&shm_->node_num), geometry.node_count) &&
          fits(impl::Load(&shm_->first_row_size), geometry.rows[0].size) &&
-         fits(impl::Load(&shm_->row_size_ratio), kRatio) &&
-         shm_.CheckSize(geometry.node_count * kNodeSize + kHeadSize);
+         fits(impl::Load(&shm_->row_size_ratio), kRatio);
 }
 
 template <typename Key, typename Node, typename Alloc>

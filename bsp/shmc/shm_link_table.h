@@ -78,9 +78,10 @@ class BSP_EXPORT ShmLinkTable {
   };
 
   // What InitForWrite does with a segment that a writer left inconsistent when it died. Off: it is
-  // refused, and has to be removed from outside (ipcrm -M KEY). On: an unfinished head is laid out
-  // anew, and a broken free list is built again around all strings that are whole. A segment of
-  // another shape or version is refused all the same. Before InitForWrite.
+  // refused, and has to be removed from outside (ipcrm -M KEY), unless nothing is written in its
+  // head yet. On: an unfinished head is laid out anew, and a broken free list is built again around
+  // all strings that are whole. A segment of another shape or version is refused all the same.
+  // Before InitForWrite.
   void set_rebuild(bool on) { rebuild_ = on; }
 
   // Attaches, and lays out a new segment or checks an old one, whose strings stay. A string of L
@@ -201,7 +202,7 @@ bool ShmLinkTable<Alloc>::InitForWrite(const std::string& name, size_t user_node
     Log::Log(kLogError, "ShmLinkTable::InitForWrite: shm init(%s, %lu) fail\n", name.c_str(), size);
     return false;
   }
-  if (shm_.is_newly_created() || (rebuild_ && IsUnfinished(node_size, node_num))) {
+  if (shm_.is_newly_created() || IsUnfinished(node_size, node_num)) {
     LayOut(node_size, node_num);
     return true;
   }
@@ -268,14 +269,16 @@ bool ShmLinkTable<Alloc>::CheckForWrite(size_t node_size, size_t node_num) {
   return false;
 }
 
-// A writer died in LayOut before the nodes: each field is right or still zero.
+// A writer died before LayOut and nothing is written, or, for who may rebuild, within it before the
+// nodes and each field is right or still zero.
 template <typename Alloc>
 bool ShmLinkTable<Alloc>::IsUnfinished(size_t node_size, size_t node_num) const {
+  if (!shm_.CheckSize(kHeadSize + node_size * node_num)) return false;
+  if (!rebuild_) return impl::IsZero(shm_.ptr(), kHeadSize);
   const auto fits = [](uint64_t found, uint64_t right) { return found == right || found == 0; };
   return impl::Load(&shm_->node_num) == 0 && fits(impl::Load(&shm_->magic), kMagic) &&
          fits(impl::Load(&shm_->ver), kVer) && fits(impl::Load(&shm_->head_size), kHeadSize) &&
-         fits(impl::Load(&shm_->node_size), node_size) &&
-         shm_.CheckSize(kHeadSize + node_size * node_num);
+         fits(impl::Load(&shm_->node_size), node_size);
 }
 
 template <typename Alloc>
