@@ -6,7 +6,8 @@
 // touched. A reader may still come between the two stores; the records are separate entries.
 //
 // A writer that is killed leaves, at worst, nodes that belong to no entry. InitWrite empties the
-// cache anyway, and then takes all nodes back, so that capacity does not shrink with crashes.
+// cache anyway, cell by cell and not key by key, since a damaged one may hold a key twice, and
+// takes all nodes back, so that capacity does not shrink with crashes.
 //
 // A role is built whole in an object of its own and adopted at the end. So a failed init leaves
 // nothing attached and may be repeated, and no thread ever sees half a role.
@@ -47,13 +48,11 @@ std::string DescribeSegments(const std::string& map) {
 }
 
 void EraseAll(const char* what, Map* map) {
-  map->Travel([what, map](unsigned long key, const std::string&) {
+  map->Travel([what](unsigned long key, const std::string&) {
     // NOLINTNEXTLINE(bugprone-lambda-function-name): the line bears the name of the walk's step
     BSP_LOG_DEBUG(MOD_DOM, "Erase %s key = %lu.", what, key);
-    map->Erase(key);
   });
-  // Also what the walk cannot read, and what a killed writer left outside the map.
-  map->RecoverNodes();
+  map->Clear();
 }
 
 // What is left of the two totals, by the free share of their maps.
@@ -114,6 +113,15 @@ std::shared_ptr<MSError> EventCache::InitWrite(int evt_num, int info_size, int d
                   evt_num, info_size, kMinNode, INT_MAX);
     return BSP_NEW_ERROR(-1, "EventCache InitForWrite info_kv_map_ failed");
   }
+  // No product below overflows: a node is smaller than the data of an event.
+  const auto events = static_cast<size_t>(evt_num);
+  role->info_kv_map_.set_rebuild(rebuild_);
+  if (!role->info_kv_map_.InitForWrite(kInfoMap, events, static_cast<size_t>(info_size), events)) {
+    BSP_LOG_ERROR(MOD_DOM, "InitWrite: no info map of this shape: %s",
+                  DescribeSegments(kInfoMap).c_str());
+    return BSP_NEW_ERROR(-1, "EventCache InitForWrite info_kv_map_ failed");
+  }
+  EraseAll("Info", &role->info_kv_map_);
   if (data_size < kMinNode * kDataNodes ||
       __builtin_mul_overflow(evt_num, data_size, &role->data_total_size)) {
     BSP_LOG_ERROR(MOD_DOM,
@@ -121,23 +129,13 @@ std::shared_ptr<MSError> EventCache::InitWrite(int evt_num, int info_size, int d
                   evt_num, data_size, kMinNode * kDataNodes, INT_MAX);
     return BSP_NEW_ERROR(-1, "EventCache InitForWrite data_kv_map_ failed");
   }
-  // No product below overflows: a node is smaller than the data of an event.
-  const auto events = static_cast<size_t>(evt_num);
-  role->info_kv_map_.set_rebuild(rebuild_);
   role->data_kv_map_.set_rebuild(rebuild_);
-  if (!role->info_kv_map_.InitForWrite(kInfoMap, events, static_cast<size_t>(info_size), events)) {
-    BSP_LOG_ERROR(MOD_DOM, "InitWrite: no info map of this shape: %s",
-                  DescribeSegments(kInfoMap).c_str());
-    return BSP_NEW_ERROR(-1, "EventCache InitForWrite info_kv_map_ failed");
-  }
   if (!role->data_kv_map_.InitForWrite(
           kDataMap, events, static_cast<size_t>(data_size / kDataNodes), events * kDataNodes)) {
     BSP_LOG_ERROR(MOD_DOM, "InitWrite: no data map of this shape: %s",
                   DescribeSegments(kDataMap).c_str());
     return BSP_NEW_ERROR(-1, "EventCache InitForWrite data_kv_map_ failed");
   }
-  // Only when both are there: a failed start leaves the events of an earlier writer alone.
-  EraseAll("Info", &role->info_kv_map_);
   EraseAll("Data", &role->data_kv_map_);
   Adopt(std::move(role));
   return kOk;
@@ -162,8 +160,7 @@ std::shared_ptr<MSError> EventCache::InitRead() {
   }
   LogRoom(__func__, MeasureRoom(role->info_kv_map_, 0, role->data_kv_map_, 0));
   role->info_kv_map_.Travel([&role](unsigned long key, const std::string&) {
-    // NOLINTNEXTLINE(bugprone-lambda-function-name): as in EraseAll
-    BSP_LOG_DEBUG(MOD_DOM, "Data key = %lu.", key);
+    _log_debug(MOD_DOM, BSP_LEVEL_DEBUG, BSP_FILE, "InitRead", __LINE__, "Data key = %lu.", key);
     role->evt_key_list_.push_back(key);
   });
   Adopt(std::move(role));

@@ -47,7 +47,8 @@ class BSP_EXPORT EventCache {
   // Makes this process the writer of an empty cache for `evt_num` events, each of up to `info_size`
   // - 4 bytes of info (at least 4) and about `data_size` bytes of data (at least 40, in ten nodes
   // of a tenth). A writer that starts again must pass the same numbers. Code -1 on failure; the
-  // events stay and the call may be repeated.
+  // call may be repeated. The info map is opened and emptied first: numbers that fit it and not the
+  // data map leave the old events without their info.
   std::shared_ptr<MSError> InitWrite(int evt_num, int info_size, int data_size);
 
   // Makes this process a reader; a writer must have run before. Code -1 on failure; the call may be
