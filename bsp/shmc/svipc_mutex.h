@@ -2,6 +2,8 @@
 #ifndef BSP_SHMC_SVIPC_MUTEX_H_
 #define BSP_SHMC_SVIPC_MUTEX_H_
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <string>
 
@@ -28,6 +30,14 @@ class BSP_EXPORT SVIPCMutex {
   // not held then.
   int Lock() const;
 
+  // The same, at most for so long; -1 with EAGAIN behind that. The kernel takes the lock back from
+  // a process that ends, but not from one that calls exec while one of its threads is inside: the
+  // new program then holds it for all its life.
+  int LockFor(int timeout_ms) const;
+
+  // The process that holds the lock, 0 when it is free or its holder cannot be seen from here.
+  pid_t Holder() const;
+
   // Gives the lock back. Only its holder may call this: on a free lock it waits until somebody
   // takes it. 0, or -1 with errno.
   int UnLock() const;
@@ -42,6 +52,9 @@ class BSP_EXPORT SVIPCGuard {
  public:
   // `mutex` must outlive the guard.
   explicit SVIPCGuard(SVIPCMutex* mutex) : mutex_(mutex), is_locked_(mutex->Lock() == 0) {}
+  // With LockFor.
+  SVIPCGuard(SVIPCMutex* mutex, int timeout_ms)
+      : mutex_(mutex), is_locked_(mutex->LockFor(timeout_ms) == 0) {}
   ~SVIPCGuard() {
     // Fails only when the set was removed meanwhile; there is nothing to give back then.
     if (is_locked_) mutex_->UnLock();
