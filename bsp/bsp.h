@@ -301,7 +301,8 @@ BSP_EXPORT int rpc_client_c_send_reply(void* rpc_cli, const RpcHeader* head, con
 // Values are raw bytes whose length is not stored. A key of at most 31 bytes names the first
 // property whose key begins with it, so use keys of which none begins with another.
 //
-// Any thread, any process; a failed call changes nothing and says why in the log. On a device whose
+// Any thread, any process; a failed call changes nothing and says why in the log. So does one that
+// has waited 2 s for another process that holds the store. On a device whose
 // segment 0x66000000 belongs to another user, all calls fail.
 
 #ifdef __cplusplus
@@ -315,6 +316,11 @@ BSP_EXPORT int system_property_get(const char* key, char* value, int value_size)
 // Stores `value_size` bytes, 1 to 223; bytes of a longer, older value behind them stay. 0, or -2
 // (bad argument, all 128 properties taken, no segment), -1 without store.
 BSP_EXPORT int system_property_set(const char* key, const char* value, int value_size);
+
+// With `on` not 0, a process that is killed while it replaces a value leaves the old one or the new
+// one. Off by default: it may leave half of each. To be switched on in all processes that set; the
+// last of the 128 places, while it is free, then serves as the journal.
+BSP_EXPORT void system_property_set_journal(int on);
 
 // Logs the key of every property at level 6.
 BSP_EXPORT void system_property_dump(void);

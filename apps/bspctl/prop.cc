@@ -30,7 +30,8 @@ std::optional<std::vector<Property>> ReadProperties() {
     return std::nullopt;
   shmc::impl::SVIPCMutex mutex;
   mutex.Open(SystemProperty::kSegment);
-  const shmc::impl::SVIPCGuard guard(&mutex);
+  // A holder that does not let go must not hide the table: it is read as it stands then.
+  const shmc::impl::SVIPCGuard guard(&mutex, SystemProperty::kLockPatienceMs);
   std::vector<Property> properties;
   for (int i = 0; i < SystemProperty::kSlots; ++i) {
     const SystemProperty::KeyV& slot = table.ptr()[i];
@@ -102,6 +103,7 @@ int Set(const std::string& key, const std::string& value, bool is_hex) {
                   key.c_str(), found->key.c_str());
     }
   }
+  system_property_set_journal(1);
   if (system_property_set(key.c_str(), bytes.data(), static_cast<int>(bytes.size())) == 0) {
     return kDone;
   }

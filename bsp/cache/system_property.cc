@@ -10,14 +10,21 @@
 //
 //   a new key     The value goes in first, then the key from its last word to its first: until the
 //                 first byte stands the slot counts as free.
-//   a new value   The last slot is a journal for as long as it is free. The value goes there, then
-//                 a mark that names the slot to write, then to its own place; the mark is cleared.
-//                 A Section that finds a mark does the copy again.
+//   a new value   With set_journal, the last slot is a journal for as long as it is free. The value
+//                 goes there, then a mark that names the slot to write, then to its own place; the
+//                 mark is cleared. A Section that finds a mark does the copy again, whether its own
+//                 process keeps a journal or not: else an old value could come back over a new one.
 //
 // A mark stands in bytes 8 to 15 of a key field whose first byte is 0, where no process looks. It
 // begins with a zero and goes on with other bytes, which the rest of a zero-padded key never does.
-// When the last slot is taken there is no journal, and a value whose setter was killed in these few
-// nanoseconds stays half new until the next Set.
+// Without a journal, and when the last slot is taken, a value whose setter was killed in these few
+// nanoseconds stays half new until the next Set. It is an option because the bytes of a free slot
+// are nobody's to change by default.
+//
+// And one wait: a process that calls exec while one of its threads is inside holds the lock for all
+// the life of the new program (svipc_mutex.cc). A call that has waited for it long enough fails and
+// names the process; going on unlocked would risk the table, should the holder be merely stopped.
+// The next calls wait for the same holder only as long as a sound one ever takes.
 //
 // Reading 128 keys costs as much as the lock, so a process remembers where it found a key. Slots
 // are taken in order and never given up, so the first slot that a key fits stays the first for
@@ -30,10 +37,12 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <fstream>
 #include <string>
 
 #include "bsp/log/log.h"
 #include "bsp/shmc/shm_access.h"
+#include "bsp/util/string_helper.h"
 
 namespace {
 
@@ -111,6 +120,8 @@ struct Mark {
 static_assert(sizeof(Mark) == sizeof(Word), "a mark is stored at once");
 static_assert(SystemProperty::kMaxValue <= UINT8_MAX, "a mark carries the size");
 
+constexpr int kShortPatienceMs = 10;  // a thousand times what a sound holder takes
+
 constexpr size_t kMarkOffset = 8;
 constexpr char kMarkTag[] = {'\1', 'J', 'R', 'N', 'L'};
 constexpr int kJournal = SystemProperty::kSlots - 1;
@@ -121,15 +132,23 @@ constexpr int kJournal = SystemProperty::kSlots - 1;
 class SystemProperty::Section {
  public:
   explicit Section(SystemProperty* owner)
-      : guard_(&owner->mutex_),
+      : guard_(&owner->mutex_, PatienceMs(*owner)),
         slots_(owner->slots_.load(std::memory_order_acquire)),
-        hints_(owner->hints_) {
+        hints_(owner->hints_),
+        has_journal_(owner->has_journal_.load(std::memory_order_relaxed)) {
     if (guard_.is_locked()) {
+      if (owner->stuck_holder_.load(std::memory_order_relaxed) != 0) owner->stuck_holder_ = 0;
       FinishDeadSet();
+    } else if (errno == EAGAIN) {
+      is_refused_ = true;
+      owner->stuck_holder_ = owner->mutex_.Holder();
     } else {
       owner->TellUnlocked(errno);
     }
   }
+
+  // The lock was not to be had in time: nothing may be done.
+  bool is_refused() const { return is_refused_; }
 
   const KeyV& slot(int index) const { return slots_[index]; }
 
@@ -156,7 +175,7 @@ class SystemProperty::Section {
 
   void Replace(KeyV* slot, const char* value, size_t size) {
     // Processes that could not get the lock must not share the journal.
-    const bool is_journalled = guard_.is_locked() && IsFree(slots_[kJournal]);
+    const bool is_journalled = has_journal_ && guard_.is_locked() && IsFree(slots_[kJournal]);
     if (is_journalled) {
       CopyIn(slots_[kJournal].value, value, size);
       KeepOrder();
@@ -184,6 +203,11 @@ class SystemProperty::Section {
   }
 
  private:
+  static int PatienceMs(const SystemProperty& owner) {
+    const pid_t stuck = owner.stuck_holder_.load(std::memory_order_relaxed);
+    return stuck != 0 && stuck == owner.mutex_.Holder() ? kShortPatienceMs : kLockPatienceMs;
+  }
+
   KeyV* Search(const KeyPrefix& prefix) const {
     for (int i = 0; i < kSlots; ++i) {
       if (prefix.IsAtStartOf(slots_[i])) return &slots_[i];
@@ -218,6 +242,8 @@ class SystemProperty::Section {
   shmc::impl::SVIPCGuard guard_;
   KeyV* const slots_;
   Hint* const hints_;
+  const bool has_journal_;
+  bool is_refused_ = false;
 };
 
 namespace {
@@ -276,11 +302,23 @@ void SystemProperty::TellUnlocked(int error) {
                 kSegment, error, strerror(error));
 }
 
+std::string SystemProperty::DescribeHolder() const {
+  const pid_t pid = stuck_holder_;
+  std::string name;
+  std::getline(std::ifstream("/proc/" + std::to_string(pid) + "/comm"), name);  // empty: it is gone
+  return bsp::StringHelper::Format(
+      "the lock of shm_name: %s is held by pid %d (%s), for %d ms at least: end that process",
+      kSegment, pid, name.c_str(), kLockPatienceMs);
+}
+
 std::shared_ptr<MSError> SystemProperty::Set(const char* key, const char* value, int value_size) {
   std::shared_ptr<MSError> attached = EnsureAttached();
   if (attached != kOk) return attached;
 
   Section section(this);
+  if (section.is_refused()) {
+    return BSP_NEW_ERROR(-1, "Set failed, key: %s, %s", key, DescribeHolder().c_str());
+  }
   if (IsBadCall(key, value, value_size)) {
     return BSP_NEW_ERROR(-1, "Set failed, key: %s, value: %s, value_size: %d", key,
                          TextOf(value, value_size).c_str(), value_size);
@@ -308,6 +346,9 @@ std::shared_ptr<MSError> SystemProperty::Get(const char* key, char* value, int v
   if (attached != kOk) return attached;
 
   const Section section(this);
+  if (section.is_refused()) {
+    return BSP_NEW_ERROR(-1, "Get failed, key: %s, %s", key, DescribeHolder().c_str());
+  }
   if (IsBadCall(key, value, value_size)) {
     return BSP_NEW_ERROR(-1, "Get failed, key: %s, value: %s, value_size: %d", key,
                          TextOf(value, value_size).c_str(), value_size);
@@ -328,6 +369,10 @@ void SystemProperty::Dump() {
   char keys[kSlots][sizeof(KeyV::key) + 1] = {};
   {
     const Section section(this);
+    if (section.is_refused()) {
+      BSP_LOG_ERROR(MOD_BSP, "Dump failed, %s", DescribeHolder().c_str());
+      return;
+    }
     for (int i = 0; i < kSlots; ++i) CopyOut(keys[i], section.slot(i).key, sizeof(KeyV::key));
   }
   for (const char* key : keys) {
@@ -367,6 +412,13 @@ int system_property_set(const char* key, const char* value, int value_size) try 
 } catch (const std::exception& exception) {
   BSP_LOG_ERROR(MOD_BSP, "Set failed, key: %s, %s", key, exception.what());
   return -2;
+}
+
+void system_property_set_journal(int on) try {
+  const auto store = SystemProperty::Instance();
+  if (store != nullptr) store->set_journal(on != 0);
+} catch (const std::exception& exception) {
+  BSP_LOG_ERROR(MOD_BSP, "%s", exception.what());
 }
 
 void system_property_dump(void) try {

@@ -2,11 +2,14 @@
 #ifndef BSP_CACHE_SYSTEM_PROPERTY_H_
 #define BSP_CACHE_SYSTEM_PROPERTY_H_
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <string>
 
 #include "bsp/base/error.h"
 #include "bsp/base/macros.h"
@@ -25,7 +28,9 @@
 // All errors have the code -1 and leave the table as it was.
 //
 // Threads and processes: any, one inside at a time by a lock that the kernel takes back from a
-// process that dies. A Set by such a process is done wholly or not at all.
+// process that dies. A new property is then there wholly or not at all; with set_journal a new
+// value is too. A call that does not get the lock within kLockPatienceMs fails and names the
+// holder.
 class BSP_EXPORT SystemProperty {
  public:
   // One slot, a format in shared memory in native byte order.
@@ -38,11 +43,17 @@ class BSP_EXPORT SystemProperty {
   static constexpr int kSlots = 128;
   static constexpr size_t kSegmentSize = kSlots * sizeof(KeyV);
   static constexpr int kMaxValue = sizeof(KeyV::value) - 1;  // bytes
+  static constexpr int kLockPatienceMs = 2000;               // the lock is held for microseconds
 
   // The object of this process, initialised on the first call; see Init for a failure. Never
   // destroyed, so that also the destructors of static objects, and threads that still run at exit,
   // may use it.
   static std::shared_ptr<SystemProperty> Instance();
+
+  // Off: a process that is killed while it replaces a value may leave it half new. On, here and in
+  // every process that sets: it is done wholly or not at all; the last slot, for as long as it is
+  // free, then serves as the journal, and its bytes change. Any thread, before the first Set.
+  void set_journal(bool on) { has_journal_ = on; }
 
   // Attaches the segment, which may be done once. After a failure every operation tries again
   // before it fails. A lock that cannot be had is told in the log; the store then works unlocked.
@@ -71,6 +82,7 @@ class BSP_EXPORT SystemProperty {
   std::shared_ptr<MSError> Attach();
   std::shared_ptr<MSError> EnsureAttached();
   void TellUnlocked(int error);
+  std::string DescribeHolder() const;
 
   std::atomic<KeyV*> slots_{nullptr};  // set once, by Attach
   shmc::impl::SVIPCMutex mutex_;
@@ -79,6 +91,8 @@ class BSP_EXPORT SystemProperty {
 
   std::mutex init_mutex_;  // held while the segment is attached; guards shm_
   std::atomic<bool> unlocked_told_{false};
+  std::atomic<bool> has_journal_{false};
+  std::atomic<pid_t> stuck_holder_{0};  // whom the last call has waited for in vain
 };
 
 static_assert(sizeof(SystemProperty::KeyV) == 256, "KeyV is 256 bytes");
