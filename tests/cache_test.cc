@@ -420,6 +420,22 @@ TEST_F(Cache, StoresOutliveExitHandlers) {
   }
 }
 
+// Whatever a module's log hook throws ends in the C function, which fails in order; a thread that is
+// cancelled in one still ends.
+TEST_F(Cache, NothingIsThrownThroughC) {
+  const std::string out = InOwnWorld([] {
+    using Utils = shmc::impl::Utils<void>;
+    Utils::log_level = shmc::kLogDebug;
+    Utils::log_func = [](shmc::LogLevel, const char*) { throw 7; };
+    EXPECT_EQ(event_cache_init_write(10, 100, 400), -1);
+    Utils::log_func = [](shmc::LogLevel, const char*) { pthread_exit(nullptr); };
+    std::thread([] { event_cache_init_read(); }).join();
+    Utils::log_func = nullptr;
+    EXPECT_EQ(event_cache_init_write(10, 100, 400), 0);
+  });
+  EXPECT_NE(out.find(" event_cache_init_write, an exception that is no"), std::string::npos) << out;
+}
+
 // Writers are killed at random points of their work while readers go on: no reader ever gets a
 // record that was not written whole, each new writer starts, empty, and with the full capacity.
 TEST_F(Cache, EventsOutliveKilledWriters) {

@@ -18,6 +18,7 @@
 #include <string>
 #include <utility>
 
+#include "bsp/base/c_boundary.h"
 #include "bsp/log/log.h"
 
 namespace {
@@ -322,8 +323,8 @@ int bsp::EventCache::ReadForC(const char* function, const Map Role::*map, const 
 void event_cache_set_rebuild(int on) try {
   const auto cache = InstanceForC(__func__);
   if (cache != nullptr) cache->set_rebuild(on != 0);
-} catch (const std::exception& exception) {
-  BSP_LOG_ERROR(MOD_BSP, "%s", exception.what());
+} catch (...) {
+  bsp::FailForC(__func__, 0);
 }
 
 int event_cache_init_write(int evt_num, int info_size, int data_size) try {
@@ -334,9 +335,8 @@ int event_cache_init_write(int evt_num, int info_size, int data_size) try {
     return -1;
   }
   return 0;
-} catch (const std::exception& exception) {
-  BSP_LOG_ERROR(MOD_BSP, "%s", exception.what());
-  return -1;
+} catch (...) {
+  return bsp::FailForC(__func__, -1);
 }
 
 int event_cache_init_read(void) try {
@@ -347,9 +347,8 @@ int event_cache_init_read(void) try {
     return -1;
   }
   return 0;
-} catch (const std::exception& exception) {
-  BSP_LOG_ERROR(MOD_BSP, "%s", exception.what());
-  return -1;
+} catch (...) {
+  return bsp::FailForC(__func__, -1);
 }
 
 int event_cache_write(unsigned long key, const char* info, int info_size, const char* data,
@@ -362,37 +361,34 @@ int event_cache_write(unsigned long key, const char* info, int info_size, const 
     return error->ErrorCode();
   }
   return 0;
-} catch (const std::exception& exception) {
-  BSP_LOG_ERROR(MOD_BSP, "%s", exception.what());
-  return -1;
+} catch (...) {
+  return bsp::FailForC(__func__, -1);
 }
 
 int event_cache_read_info(unsigned long key, char* info, int* size) try {
   return bsp::EventCache::ReadForC(__func__, &bsp::EventCache::Role::info_kv_map_, kReadInfo, key,
                                    info, size);
-} catch (const std::exception& exception) {
-  BSP_LOG_ERROR(MOD_BSP, "%s", exception.what());
-  return -1;
+} catch (...) {
+  return bsp::FailForC(__func__, -1);
 }
 
 int event_cache_read_data(unsigned long key, char* data, int* size) try {
   return bsp::EventCache::ReadForC(__func__, &bsp::EventCache::Role::data_kv_map_, kReadData, key,
                                    data, size);
-} catch (const std::exception& exception) {
-  BSP_LOG_ERROR(MOD_BSP, "%s", exception.what());
-  return -1;
+} catch (...) {
+  return bsp::FailForC(__func__, -1);
 }
 
 void event_cache_remove_oldest(void) try {
   const auto cache = InstanceForC(__func__);
   if (cache != nullptr) cache->RemoveOldest();  // an empty cache is as good
-} catch (const std::exception& exception) {
-  BSP_LOG_ERROR(MOD_BSP, "%s", exception.what());
+} catch (...) {
+  bsp::FailForC(__func__, 0);
 }
 
 void event_cache_remove(unsigned long key) try {
   const auto cache = InstanceForC(__func__);
   if (cache != nullptr) cache->Remove(key);  // has logged why not
-} catch (const std::exception& exception) {
-  BSP_LOG_ERROR(MOD_BSP, "%s", exception.what());
+} catch (...) {
+  bsp::FailForC(__func__, 0);
 }

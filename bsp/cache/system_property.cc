@@ -40,6 +40,7 @@
 #include <fstream>
 #include <string>
 
+#include "bsp/base/c_boundary.h"
 #include "bsp/log/log.h"
 #include "bsp/shmc/shm_access.h"
 #include "bsp/util/string_helper.h"
@@ -392,9 +393,8 @@ int system_property_get(const char* key, char* value, int value_size) try {
     return -2;
   }
   return 0;
-} catch (const std::exception& exception) {
-  BSP_LOG_ERROR(MOD_BSP, "Get failed, key: %s, %s", key, exception.what());
-  return -2;
+} catch (...) {
+  return bsp::FailForC(__func__, -2);
 }
 
 int system_property_set(const char* key, const char* value, int value_size) try {
@@ -409,16 +409,15 @@ int system_property_set(const char* key, const char* value, int value_size) try 
     return -2;
   }
   return 0;
-} catch (const std::exception& exception) {
-  BSP_LOG_ERROR(MOD_BSP, "Set failed, key: %s, %s", key, exception.what());
-  return -2;
+} catch (...) {
+  return bsp::FailForC(__func__, -2);
 }
 
 void system_property_set_journal(int on) try {
   const auto store = SystemProperty::Instance();
   if (store != nullptr) store->set_journal(on != 0);
-} catch (const std::exception& exception) {
-  BSP_LOG_ERROR(MOD_BSP, "%s", exception.what());
+} catch (...) {
+  bsp::FailForC(__func__, 0);
 }
 
 void system_property_dump(void) try {
@@ -427,6 +426,6 @@ void system_property_dump(void) try {
     return;
   }
   SystemProperty::Instance()->Dump();
-} catch (const std::exception& exception) {
-  BSP_LOG_ERROR(MOD_BSP, "Dump failed, %s", exception.what());
+} catch (...) {
+  bsp::FailForC(__func__, 0);
 }
