@@ -18,6 +18,7 @@
 #include "bsp/util/semaphore.h"
 #include "bsp/util/time_util.h"
 #include "tests/support/child.h"
+#include "tests/support/virtual_slot.h"
 
 namespace {
 
@@ -343,6 +344,11 @@ TEST(EventService, LifeTimesMayCross) {
     released.Signal();
     EXPECT_TRUE(gone.Wait(kPatienceMs));
   }
+}
+
+// Modules that were built against another release find the operation where it was.
+TEST(EventService, HandlerBeginsWithOnMessage) {
+  EXPECT_EQ(test::VirtualSlot(&bsp::MessageHandler::OnMessage), 0u);
 }
 
 }  // namespace

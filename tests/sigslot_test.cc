@@ -7,6 +7,7 @@
 #include <string>
 
 #include "bsp/sigslot/sigslot.h"
+#include "tests/support/virtual_slot.h"
 
 namespace {
 
@@ -141,6 +142,15 @@ TEST_F(SigslotTest, DuplicatesConnections) {
   EXPECT_EQ(Emit(), "abcdaxx");
   added.reset();
   EXPECT_EQ(Emit(), "abcda");
+}
+
+// Modules that were built against another release find the operations where they were.
+TEST(Sigslot, ConnectionKeepsItsTable) {
+  using Connection = sigslot::_connection_base2<int, int, sigslot::single_threaded>;
+  EXPECT_EQ(test::VirtualSlot(&Connection::getdest), 2u);
+  EXPECT_EQ(test::VirtualSlot(&Connection::emit), 3u);
+  EXPECT_EQ(test::VirtualSlot(&Connection::clone), 4u);
+  EXPECT_EQ(test::VirtualSlot(&Connection::duplicate), 5u);
 }
 
 }  // namespace

@@ -17,11 +17,12 @@ struct Message;
 // Clear takes back those that still wait.
 class BSP_EXPORT MessageHandler {
  public:
-  virtual ~MessageHandler() = default;
-
   // Runs on the thread of the service. `message` is good for the length of the call. No exception
-  // may escape.
+  // may escape. Before the destructor: the place in the table of operations is part of the binary
+  // interface.
   virtual void OnMessage(Message* message) = 0;
+
+  virtual ~MessageHandler() = default;
 };
 
 // Base of what a poster attaches to a message; goes away with the message, at the latest.

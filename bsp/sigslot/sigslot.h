@@ -153,14 +153,14 @@ class _connection_base2 {
   virtual has_slots_interface* getdest() const = 0;
   virtual void emit(a1 first, a2 second) = 0;
 
-  // As emit with copies of the arguments, made where the slot takes them: through emit each would
-  // be moved once more on the way.
-  virtual void emit_copies(copied<a1> first, copied<a2> second) = 0;
-
   // A new connection, owned by the caller, to the same receiver or to new_dest; the latter null
   // when new_dest is not of the receiver's class.
   virtual _connection_base2* clone() const = 0;
   virtual _connection_base2* duplicate(has_slots_interface* new_dest) const = 0;
+
+  // As emit with copies of the arguments, made where the slot takes them: through emit each would
+  // be moved once more on the way.
+  virtual void emit_copies(copied<a1> first, copied<a2> second) = 0;
 };
 
 template <class dest, class a1, class a2, class mt_policy>
