@@ -346,6 +346,31 @@ TEST(EventService, LifeTimesMayCross) {
   }
 }
 
+// A child that is forked while a service runs is refused by it, in order, and may let go of it, at
+// whatever point of its work the thread was.
+TEST(EventService, ForkedChildIsRefused) {
+  for (int round = 0; round < 20; ++round) {
+    auto service = EventService::Create("parent", 50);
+    service->Start();
+    std::atomic<bool> is_over{false};
+    std::thread poster([&] {
+      for (int i = 0; !is_over; ++i) service->PostDelay(1 + i % 9, -1 - i % 7, [](Message*) {});
+    });
+    test::Child child = test::Child::Fork([&] {
+      service->Post(1, [](Message*) {});
+      service->Clear(0);
+      service->Dispatch(false);
+      const bool is_refused = service->Start() != nullptr;
+      service->Stop();
+      service.reset();
+      return is_refused ? 0 : 1;
+    });
+    EXPECT_EQ(child.Wait(10000), 0) << child.output();
+    is_over = true;
+    poster.join();
+  }
+}
+
 // Modules that were built against another release find the operation where it was.
 TEST(EventService, HandlerBeginsWithOnMessage) {
   EXPECT_EQ(test::VirtualSlot(&bsp::MessageHandler::OnMessage), 0u);

@@ -42,6 +42,8 @@
 #include <system_error>
 #include <utility>
 
+#include "bsp/base/process.h"
+#include "bsp/event/message_queue.h"
 #include "bsp/log/log.h"
 #include "bsp/util/time_util.h"
 
@@ -115,9 +117,15 @@ std::shared_ptr<EventService> EventService::Create(const std::string& name, int 
   return service;
 }
 
-EventService::EventService() = default;
+EventService::EventService() : queue_(std::make_unique<MessageQueue>()) {}
 
 EventService::~EventService() {
+  if (IsForeign()) {
+    // The thread, which is not here, may have been at work on the queue.
+    static_cast<void>(queue_.release());
+    static_cast<void>(new std::thread(std::move(thread_)));  // a thread object asks to be joined
+    return;
+  }
   Stop();
   for (Loop* loop = Loop::innermost; loop != nullptr; loop = loop->outer) {
     if (loop->service == this) loop->service = nullptr;
@@ -141,7 +149,22 @@ std::shared_ptr<MSError> EventService::Init() {
   return kOk;
 }
 
+bool EventService::IsForeign() const {
+  const pid_t process = started_in_.load(std::memory_order_relaxed);
+  return process != 0 && process != ProcessId();
+}
+
+bool EventService::Refuses(const char* operation) const {
+  if (!IsForeign()) return false;
+  BSP_LOG_ERROR(MOD_BSP, "%s: service %s runs in process %d, from which this one was forked",
+                operation, name_.c_str(), started_in_.load());
+  return true;
+}
+
 std::shared_ptr<MSError> EventService::Start() {
+  if (Refuses("Start")) {
+    return BSP_NEW_ERROR(-1, "service %s runs in another process", name_.c_str());
+  }
   if (IsOwnThread()) {
     BSP_LOG_ERROR(MOD_BSP, "service %s cannot start from its own thread", name_.c_str());
     return BSP_NEW_ERROR(-1, "service %s cannot start from its own thread", name_.c_str());
@@ -156,6 +179,7 @@ std::shared_ptr<MSError> EventService::Start() {
     thread_.join();  // stopped on its own thread
   }
   running_ = true;
+  started_in_ = ProcessId();
   try {
     thread_ = std::thread([this] {
       Loop loop(this, true);
@@ -163,6 +187,7 @@ std::shared_ptr<MSError> EventService::Start() {
     });
   } catch (const std::system_error& refused) {
     running_ = false;
+    started_in_ = 0;
     BSP_LOG_ERROR(MOD_BSP, "service %s gets no thread: %s", name_.c_str(), refused.what());
     return BSP_NEW_ERROR(-1, "service %s gets no thread: %s", name_.c_str(), refused.what());
   }
@@ -187,10 +212,12 @@ void EventService::SetUpThread() {
 }
 
 void EventService::Stop() {
+  if (Refuses("Stop")) return;
   if (IsOwnThread()) return EndLoops();  // a join would wait for itself
   const std::lock_guard<std::mutex> lock(control_mutex_);
   EndLoops();
   if (thread_.joinable()) thread_.join();
+  started_in_ = 0;
 }
 
 void EventService::EndLoops() {
@@ -231,6 +258,7 @@ void EventService::PostDelay(int id, long delay_ms, std::function<void(Message*)
 void EventService::Enqueue(MessageHandler* handler, int id, int64_t when,
                            std::shared_ptr<MessageUserdata> userdata,
                            std::function<void(Message*)> func) try {
+  if (Refuses("Post")) return;
   auto message = std::make_unique<QueuedMessage>();
   message->id = id;
   message->when = when;
@@ -238,7 +266,7 @@ void EventService::Enqueue(MessageHandler* handler, int id, int64_t when,
   message->userdata = std::move(userdata);
   message->func = std::move(func);
 
-  queue_.Post(std::move(message));
+  queue_->Post(std::move(message));
   // Pairs with the store in EnterSleep.
   if (when < asleep_until_.load(std::memory_order_seq_cst)) WakeSleepers(when);
 } catch (const std::bad_alloc&) {
@@ -262,17 +290,18 @@ void EventService::WakeSleepers(int64_t when) {
 }
 
 void EventService::Clear(int id) {
-  if (id < 0) return;
+  if (id < 0 || Refuses("Clear")) return;
   MessageQueue removed;  // destroyed behind the lock: what messages hold may post in turn
   const std::lock_guard<PiMutex> lock(queue_mutex_);
   if (id == 0) {
-    queue_.RemoveAll(&removed);
+    queue_->RemoveAll(&removed);
   } else {
-    queue_.Remove(id, &removed);
+    queue_->Remove(id, &removed);
   }
 }
 
 void EventService::Dispatch(bool run) {
+  if (Refuses("Dispatch")) return;
   if (Init() != kOk) return;  // nothing to sleep on; the log says so
   running_ = run;
   Loop loop(this, false);
@@ -306,14 +335,14 @@ bool EventService::RunPass(Loop* loop) {
 std::unique_ptr<QueuedMessage> EventService::TakeDue(int64_t* wait_ns, bool* lingers) {
   const std::lock_guard<PiMutex> lock(queue_mutex_);
   for (;;) {
-    const Message* const first = queue_.First();
+    const Message* const first = queue_->First();
     *wait_ns = first != nullptr ? TimeToRun(first->when) : kLongestWaitNanos;
-    if (*wait_ns == 0) return queue_.PopFirst();
+    if (*wait_ns == 0) return queue_->PopFirst();
     *lingers = *lingers && woken_from_ != sched_getcpu();
     if (*lingers) return nullptr;
     EnterSleep(first != nullptr ? first->when : kNoDueTime);
     // Told first, then looked: a post either sees the sleeper or is seen here.
-    if (!queue_.HasPosted()) return nullptr;
+    if (!queue_->HasPosted()) return nullptr;
     LeaveSleep();
   }
 }
@@ -332,7 +361,7 @@ void EventService::LeaveSleep() {
 
 void EventService::Linger(int64_t wait_ns) const {
   const int64_t end = ClockNanos() + std::min(wait_ns, kLingerNanos);
-  while (!queue_.HasPosted() && ClockNanos() < end) {
+  while (!queue_->HasPosted() && ClockNanos() < end) {
   }
 }
 

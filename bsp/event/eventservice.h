@@ -2,6 +2,8 @@
 #ifndef BSP_EVENT_EVENTSERVICE_H_
 #define BSP_EVENT_EVENTSERVICE_H_
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <cstdint>
 #include <functional>
@@ -14,10 +16,12 @@
 #include "bsp/base/macros.h"
 #include "bsp/base/pi_mutex.h"
 #include "bsp/event/message.h"
-#include "bsp/event/message_queue.h"
 #include "bsp/util/semaphore.h"
 
 namespace bsp {
+
+class MessageQueue;
+struct QueuedMessage;
 
 // Runs messages one at a time in the order of their due times; those of equal time, and so all
 // immediate ones, in the order in which they were posted. Immediate messages come before all
@@ -36,6 +40,9 @@ namespace bsp {
 // the length of the call, also when its message ends somebody's wait for the end. The last
 // reference to a service should not be dropped on its own thread; where it is, the thread ends by
 // itself, with a line in the log.
+//
+// A child that is forked while the thread runs has the object, but not the thread: every call there
+// is refused with a line in the log, and the destructor leaves all to the parent.
 class BSP_EXPORT EventService {
  public:
   EventService();  // for Create; priority 50 and no name
@@ -102,6 +109,9 @@ class BSP_EXPORT EventService {
   void Enqueue(MessageHandler* handler, int id, int64_t when,
                std::shared_ptr<MessageUserdata> userdata, std::function<void(Message*)> func);
   bool IsOwnThread() const;
+  // Whether the thread was started in another process; says so for a call that is to be refused.
+  bool IsForeign() const;
+  bool Refuses(const char* operation) const;
   void SetUpThread();
 
   // Guards thread_ and, but for the service's own thread, the writing of running_; held by Stop
@@ -111,6 +121,7 @@ class BSP_EXPORT EventService {
   std::string name_;
   int priority_ = 50;
   std::atomic<bool> running_{false};
+  std::atomic<pid_t> started_in_{0};  // process of thread_; 0 while there is none
 
   // Due time that a waiting thread sleeps towards, the latest if there are several; kNobodySleeps
   // also when they have been signalled already. Written under queue_mutex_. Every post reads it, so
@@ -118,11 +129,12 @@ class BSP_EXPORT EventService {
   static constexpr int64_t kNobodySleeps = 0;  // no message is due before it
   std::atomic<int64_t> asleep_until_{kNobodySleeps};
 
-  alignas(kCacheLine) PiMutex queue_mutex_;  // guards the fields below, apart from posting
-  int woken_from_ = -1;                      // the core of the thread that signalled last
-  int sleepers_ = 0;                         // threads between a look in vain and the next
-  std::shared_ptr<Semaphore> semaphore_;     // what dispatching threads wait on; set once
-  MessageQueue queue_;
+  // 64: a cache line, which posters, who read the above, do not want to lose with each message.
+  alignas(64) PiMutex queue_mutex_;       // guards the fields below, apart from posting
+  int woken_from_ = -1;                   // the core of the thread that signalled last
+  int sleepers_ = 0;                      // threads between a look in vain and the next
+  std::shared_ptr<Semaphore> semaphore_;  // what dispatching threads wait on; set once
+  std::unique_ptr<MessageQueue> queue_;
 };
 
 }  // namespace bsp
