@@ -241,6 +241,7 @@ inline typename ShmHashMap<KeyType, Alloc>::Prepared ShmHashMap<KeyType, Alloc>:
   bool is_found = false;
   volatile HTNode* node = hash_table_.FindOrAlloc(key, &is_found);
   if (node == nullptr) return {};
+  if (is_found) link_table_.Prefetch(node->link_buf);  // Publish frees it
   const link_buf_t buf = link_table_.New(data, len);
   if (!buf) return {};
   return {node, is_found, key, buf};

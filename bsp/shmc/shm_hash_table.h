@@ -372,6 +372,7 @@ template <typename Key, typename Node, typename Alloc>
 inline typename ShmHashTable<Key, Node, Alloc>::Group ShmHashTable<Key, Node, Alloc>::LookAt(
     size_t first_row, size_t hash, const Key& key) const {
   Group group;
+#pragma GCC unroll 4
   for (size_t i = 0; i < kGroup; ++i) {
     group.cells[i] = CellOf(geometry_.rows[first_row + i], hash);
     const auto [is_occupied, found] = group.cells[i]->Key();
@@ -408,11 +409,12 @@ inline volatile Node* ShmHashTable<Key, Node, Alloc>::FindOrAlloc(const Key& key
     const Group group = LookAt(row, hash, wanted);
     const unsigned match = group.matches & (0 - group.matches);
     const unsigned passed = group.free & (match - 1);  // all of them without a match
-    if (candidate == nullptr && passed != 0) {
-      const auto first = static_cast<size_t>(__builtin_ctz(passed));
-      candidate = group.cells[first];
-      if (row + first > impl::Load(&shm_->max_row)) impl::Store(&shm_->max_row, row + first);
-    }
+    // No branch here either: whether a free cell lies in front of the key is chance as well.
+    const size_t first = static_cast<size_t>(__builtin_ctz(passed | 1u << (kGroup - 1)));
+    const bool offers = (candidate == nullptr) & (passed != 0);
+    const size_t offered_row = offers ? row + first : 0;
+    if (offered_row > impl::Load(&shm_->max_row)) impl::Store(&shm_->max_row, offered_row);
+    candidate = offers ? group.cells[first] : candidate;
     if (match == 0) continue;
     if (is_found != nullptr) *is_found = true;
     return group.cells[__builtin_ctz(match)];

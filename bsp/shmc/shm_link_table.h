@@ -94,6 +94,11 @@ class BSP_EXPORT ShmLinkTable {
   // changed then.
   link_buf_t New(const void* data, size_t len);
 
+  // Announces a Free or a Read of `buf`.
+  void Prefetch(link_buf_t buf) const {
+    if (IsNode(buf.head())) __builtin_prefetch(GetNode(buf.head()));
+  }
+
   // Whether the whole chain was freed; false and nothing done for a string that is gone already.
   // The owner must have withdrawn `buf` before.
   bool Free(link_buf_t buf);
@@ -154,6 +159,9 @@ class BSP_EXPORT ShmLinkTable {
   static void SetNext(char* node, uint32_t next) { impl::StoreWord(node, next); }
   static void SetTag(char* node, uint32_t tag) { impl::StoreWord(node + 4, tag); }
 
+  void LoadOwn();
+  void SetFreeList(uint32_t first, uint32_t count);
+  void SetCounts(uint32_t link_bufs, uint64_t bytes);
   uint32_t AllocNode();
   void FreeNode(uint32_t n);
   void FreeTaken(uint32_t first);
@@ -170,6 +178,16 @@ class BSP_EXPORT ShmLinkTable {
   bool WalkChain(link_buf_t buf, size_t len, Visit visit) const;
 
   ShmHandle<ShmHead, Alloc> shm_;
+
+  // What the writer, the only one who changes these fields of the head, knows of them.
+  struct Own {
+    uint32_t free_list;
+    uint32_t tag_seq;
+    uint32_t free_node_num;
+    uint32_t link_buf_num;
+    uint64_t data_size;
+  };
+  Own own_ = {};
 
   // Constant after Init. node_num_ is 0 until Init has succeeded.
   char* nodes_ = nullptr;  // node 0; read-only memory unless shm_ is writable
@@ -258,6 +276,7 @@ bool ShmLinkTable<Alloc>::CheckForWrite(size_t node_size, size_t node_num) {
                  found_num);
   if (!is_ours) return false;
   Adopt(node_size, node_num);
+  LoadOwn();
   if (HasNodes() && FreeListMatches(nullptr)) return true;
   if (rebuild_) {
     RebuildFreeList();
@@ -317,7 +336,7 @@ template <typename Alloc>
 inline link_buf_t ShmLinkTable<Alloc>::New(const void* data, size_t len) {
   if (!HasWriter("New") || data == nullptr) return {};
   if (len == 0 || len > std::numeric_limits<uint32_t>::max()) return {};
-  if (buf_nodes(len) > free_nodes()) return {};
+  if (buf_nodes(len) > own_.free_node_num) return {};
   // The tags that Free cleared must be seen as cleared before the new lengths; pairs with the
   // acquire fence in ReadLength.
   impl::ReleaseFence();
@@ -352,8 +371,7 @@ inline link_buf_t ShmLinkTable<Alloc>::New(const void* data, size_t len) {
     }
     previous = node;
   }
-  impl::Store(&shm_->link_buf_num, impl::Load(&shm_->link_buf_num) + 1);
-  impl::Store(&shm_->data_size, impl::Load(&shm_->data_size) + len);
+  SetCounts(own_.link_buf_num + 1, own_.data_size + len);
   return {first, tag};
 }
 
@@ -376,8 +394,7 @@ inline bool ShmLinkTable<Alloc>::Free(link_buf_t buf) {
     next = Next(GetNode(index));
     FreeNode(index);
   }
-  impl::Store(&shm_->link_buf_num, impl::Load(&shm_->link_buf_num) - 1);
-  impl::Store(&shm_->data_size, impl::Load(&shm_->data_size) - len);
+  SetCounts(own_.link_buf_num - 1, own_.data_size - len);
   return is_whole;
 }
 
@@ -448,27 +465,48 @@ bool ShmLinkTable<Alloc>::WalkChain(link_buf_t buf, size_t len, Visit visit) con
 
 template <typename Alloc>
 inline uint32_t ShmLinkTable<Alloc>::tag_seq() {
-  uint32_t seq = impl::Load(&shm_->tag_seq) + 1;
-  if (seq == 0) seq = 1;
-  impl::Store(&shm_->tag_seq, seq);
-  return seq & ~kFirstTagBit;
+  if (++own_.tag_seq == 0) own_.tag_seq = 1;
+  impl::Store(&shm_->tag_seq, own_.tag_seq);
+  return own_.tag_seq & ~kFirstTagBit;
 }
 
 template <typename Alloc>
 inline uint32_t ShmLinkTable<Alloc>::AllocNode() {
-  const uint32_t index = impl::Load(&shm_->free_list);
+  const uint32_t index = own_.free_list;
   if (!IsNode(index)) return 0;
-  impl::Store(&shm_->free_list, Next(GetNode(index)));
-  impl::Store(&shm_->free_node_num, impl::Load(&shm_->free_node_num) - 1);
+  SetFreeList(Next(GetNode(index)), own_.free_node_num - 1);
   return index;
 }
 
 template <typename Alloc>
 inline void ShmLinkTable<Alloc>::FreeNode(uint32_t n) {
   SetTag(GetNode(n), 0);
-  SetNext(GetNode(n), impl::Load(&shm_->free_list));
-  impl::Store(&shm_->free_list, n);
-  impl::Store(&shm_->free_node_num, impl::Load(&shm_->free_node_num) + 1);
+  SetNext(GetNode(n), own_.free_list);
+  SetFreeList(n, own_.free_node_num + 1);
+}
+
+// The two agree but for a death between the two stores.
+template <typename Alloc>
+inline void ShmLinkTable<Alloc>::SetFreeList(uint32_t first, uint32_t count) {
+  own_.free_list = first;
+  own_.free_node_num = count;
+  impl::Store(&shm_->free_list, first);
+  impl::Store(&shm_->free_node_num, count);
+}
+
+template <typename Alloc>
+inline void ShmLinkTable<Alloc>::SetCounts(uint32_t link_bufs, uint64_t bytes) {
+  own_.link_buf_num = link_bufs;
+  own_.data_size = bytes;
+  impl::Store(&shm_->link_buf_num, link_bufs);
+  impl::Store(&shm_->data_size, bytes);
+}
+
+template <typename Alloc>
+void ShmLinkTable<Alloc>::LoadOwn() {
+  own_ = {impl::Load(&shm_->free_list), impl::Load(&shm_->tag_seq),
+          impl::Load(&shm_->free_node_num), impl::Load(&shm_->link_buf_num),
+          impl::Load(&shm_->data_size)};
 }
 
 // Gives back the nodes of a string that New could not complete.
@@ -560,6 +598,7 @@ void ShmLinkTable<Alloc>::RelayFreeList(const Census& census) {
     first = static_cast<uint32_t>(index);
   }
   impl::Store(&head->free_list, first);
+  LoadOwn();
 }
 
 // Without an owner to ask, every string that is whole stays.
