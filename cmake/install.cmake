@@ -2,7 +2,8 @@
 include(CMakePackageConfigHelpers)
 
 install(TARGETS bsp EXPORT bspTargets
-        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev)
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev
+        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/bsp/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/bsp
         COMPONENT dev FILES_MATCHING PATTERN "*.h")
 install(EXPORT bspTargets NAMESPACE bsp:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/bsp
@@ -14,6 +15,11 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/bspConfigVersion.cmake
   COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/bspConfig.cmake ${PROJECT_BINARY_DIR}/bspConfigVersion.cmake
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/bsp COMPONENT dev)
+
+# A program that links the archive links what the library needs as well.
+if(NOT BUILD_SHARED_LIBS)
+  set(BSP_PC_LIBS " -lsqlite3 -lstdc++")
+endif()
 
 # bsp.pc stands two folders below the prefix or, with a multiarch library folder, three.
 file(RELATIVE_PATH BSP_PC_PREFIX /p/${CMAKE_INSTALL_LIBDIR}/pkgconfig /p)
