@@ -4,6 +4,7 @@
 #include <sys/shm.h>
 
 #include <cerrno>
+#include <cinttypes>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -109,7 +110,8 @@ int Remove(const std::string& name, bool is_forced) {
   if (!segment && !set) return Fail(kFailed, "%s (%s) does not exist", alias, key.c_str());
   if (segment && segment->attached > 0 && !is_forced) {
     return Fail(kFailed,
-                "%s (%s) is attached by %ld process(es), which would go on with a segment that "
+                "%s (%s) is attached by %" PRId64
+                " process(es), which would go on with a segment that "
                 "nobody else sees: stop them, or give --force",
                 alias, key.c_str(), segment->attached);
   }

@@ -3,6 +3,7 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include <cinttypes>
 #include <cstdio>
 #include <fstream>
 
@@ -13,14 +14,14 @@ namespace {
 
 // Columns of /proc/sysvipc/shm: key shmid perms size cpid lpid nattch uid ...
 bool ParseSegment(const std::string& line, int* key, SysvObject* found) {
-  return sscanf(line.c_str(), "%d %d %o %ld %*d %*d %ld %u", key, &found->id, &found->mode,
-                &found->size, &found->attached, &found->uid) == 6;
+  return sscanf(line.c_str(), "%d %d %o %" SCNd64 " %*d %*d %" SCNd64 " %u", key, &found->id,
+                &found->mode, &found->size, &found->attached, &found->uid) == 6;
 }
 
 // Columns of /proc/sysvipc/sem: key semid perms nsems uid ...
 bool ParseSemaphores(const std::string& line, int* key, SysvObject* found) {
-  return sscanf(line.c_str(), "%d %d %o %ld %u", key, &found->id, &found->mode, &found->size,
-                &found->uid) == 5;
+  return sscanf(line.c_str(), "%d %d %o %" SCNd64 " %u", key, &found->id, &found->mode,
+                &found->size, &found->uid) == 5;
 }
 
 std::optional<SysvObject> Find(const char* path, key_t key,
@@ -62,7 +63,7 @@ int FailToAttach(key_t key, ExitCode code, const char* missing) {
     return Fail(kFailed, "segment %s belongs to user %s: run bspctl as that user, or as root",
                 name.c_str(), UserName(segment->uid).c_str());
   }
-  return Fail(kFailed, "segment %s of %ld bytes is damaged, or of another version: %s",
+  return Fail(kFailed, "segment %s of %" PRId64 " bytes is damaged, or of another version: %s",
               name.c_str(), segment->size, "stop the modules and give bspctl shm remove");
 }
 

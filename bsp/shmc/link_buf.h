@@ -43,7 +43,7 @@ class link_buf_t {
   friend bool operator!=(link_buf_t a, link_buf_t b) { return a.word_ != b.word_; }
 
  private:
-  uint64_t word_ = 0;  // little-endian: the head lies at offset 0
+  alignas(8) uint64_t word_ = 0;  // little-endian: the head lies at offset 0
 };
 static_assert(sizeof(link_buf_t) == 8 && alignof(link_buf_t) == 8, "one 64-bit word");
 

@@ -3,6 +3,7 @@
 #define BSP_SHMC_SHM_HANDLE_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 #include "bsp/shmc/shm_alloc.h"
@@ -72,9 +73,10 @@ class ShmHandle {
   // Empty when not attached.
   const std::string& name() const { return name_; }
 
-  // The segment has exactly this size, rounded up as the allocator rounds.
-  bool CheckSize(size_t expected) const {
-    return impl::Utils<void>::RoundAlign(expected, Alloc().AlignSize()) == size_;
+  // The segment has exactly this size, rounded up as the allocator rounds. 64 bits: what a damaged
+  // head asks for must not be cut to a size that fits.
+  bool CheckSize(uint64_t expected) const {
+    return impl::Utils<void>::RoundAlign<uint64_t>(expected, Alloc().AlignSize()) == size_;
   }
 
  private:

@@ -211,7 +211,7 @@ size_t ShmHashMap<KeyType, Alloc>::RecoverNodes() {
   const size_t gained = link_table_.TakeBack(census);
   if (dropped + gained > 0) {
     Log::Log(kLogWarning,
-             "ShmHashMap::RecoverNodes: %lu nodes gained, %lu broken entries dropped\n", gained,
+             "ShmHashMap::RecoverNodes: %zu nodes gained, %zu broken entries dropped\n", gained,
              dropped);
   }
   return gained;
@@ -324,7 +324,7 @@ inline bool ShmHashMap<KeyType, Alloc>::ReadStable(const KeyType& key, const vol
     }
     if (link_buf_t(node->link_buf) == buf) return is_read;
   }
-  Log::Log(kLogWarning, "ShmHashMap::DoRead fail after trying %lu times\n", kMaxAttempts);
+  Log::Log(kLogWarning, "ShmHashMap::DoRead fail after trying %zu times\n", kMaxAttempts);
   return false;
 }
 

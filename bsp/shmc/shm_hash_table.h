@@ -16,6 +16,7 @@
 #define BSP_SHMC_SHM_HASH_TABLE_H_
 
 #include <algorithm>
+#include <cinttypes>
 #include <cstdint>
 #include <ctime>
 #include <functional>
@@ -118,16 +119,16 @@ class BSP_EXPORT ShmHashTable {
   // Follows from three numbers; the moduli, the costly part, come last.
   struct Geometry {
     Geometry() = default;
-    Geometry(size_t first_row_size, size_t row_size_ratio, size_t row_limit);
+    Geometry(uint64_t first_row_size, uint64_t row_size_ratio, size_t row_limit);
     void FindModuli();
 
     Row rows[kMaxRows + kGroup];  // after the last one row 0 again, up to a whole group
     size_t row_num = 0;
-    size_t node_count = 0;  // sum of all row sizes
-    size_t capacity = 0;    // sum of all moduli
+    uint64_t node_count = 0;  // sum of all row sizes; 64 bits: a damaged head may ask for more
+    size_t capacity = 0;      // sum of all moduli
   };
 
-  static size_t CellsFor(size_t capacity);
+  static uint64_t CellsFor(uint64_t capacity);
   static size_t SquareRoot(size_t number);
   void LayOut(const Geometry& geometry);
   void WipeCells(const Geometry& geometry);
@@ -177,7 +178,7 @@ class BSP_EXPORT ShmHashTable {
 // ---- Geometry
 
 template <typename Key, typename Node, typename Alloc>
-size_t ShmHashTable<Key, Node, Alloc>::CellsFor(size_t capacity) {
+uint64_t ShmHashTable<Key, Node, Alloc>::CellsFor(uint64_t capacity) {
   if (capacity < 50) return 100;
   if (capacity < 1000) return capacity * 2;
   if (capacity < 10000) return capacity * 3 / 2;
@@ -194,12 +195,12 @@ size_t ShmHashTable<Key, Node, Alloc>::SquareRoot(size_t number) {
 // A ratio above 100 in a damaged head makes rows grow: they stop at 2^32, so that nothing overflows
 // and the sum fits no head.
 template <typename Key, typename Node, typename Alloc>
-ShmHashTable<Key, Node, Alloc>::Geometry::Geometry(size_t first_row_size, size_t row_size_ratio,
+ShmHashTable<Key, Node, Alloc>::Geometry::Geometry(uint64_t first_row_size, uint64_t row_size_ratio,
                                                    size_t row_limit) {
-  constexpr size_t kLongest = static_cast<size_t>(std::numeric_limits<uint32_t>::max()) + 1;
-  size_t size = first_row_size;
+  constexpr uint64_t kLongest = uint64_t{std::numeric_limits<uint32_t>::max()} + 1;
+  uint64_t size = first_row_size;
   while (size >= 2 && row_num < row_limit) {
-    rows[row_num++] = {0, 0, node_count, size};
+    rows[row_num++] = {0, 0, static_cast<size_t>(node_count), static_cast<size_t>(size)};
     node_count += size;
     size = std::min(size * row_size_ratio / 100, kLongest);
   }
@@ -227,17 +228,21 @@ bool ShmHashTable<Key, Node, Alloc>::InitForWrite(const std::string& name, size_
     Log::Log(kLogError, "ShmHashTable::InitForWrite: bad capacity\n");
     return false;
   }
-  const size_t first_row_size = CellsFor(capacity) * 40 / 100;
+  const uint64_t first_row_size = CellsFor(capacity) * 40 / 100;
   Geometry geometry(first_row_size, kRatio, kMaxRows);
   // The ratio alone ends in rows of a few cells, each one more probe for every look-up.
   const size_t useful_rows = SquareRoot(geometry.row_num * 9);
   if (useful_rows < geometry.row_num) geometry = Geometry(first_row_size, kRatio, useful_rows);
+  if (geometry.node_count > (std::numeric_limits<size_t>::max() - kHeadSize) / kNodeSize) {
+    Log::Log(kLogError, "ShmHashTable::InitForWrite: bad capacity\n");
+    return false;
+  }
   geometry.FindModuli();
-  Log::Log(kLogInfo, "ShmHashTable::InitForWrite: rows=%lu nodes=%lu cap=%lu\n", geometry.row_num,
-           geometry.node_count, geometry.capacity);
-  const size_t size = geometry.node_count * kNodeSize + kHeadSize;
+  Log::Log(kLogInfo, "ShmHashTable::InitForWrite: rows=%zu nodes=%zu cap=%zu\n", geometry.row_num,
+           static_cast<size_t>(geometry.node_count), geometry.capacity);
+  const auto size = static_cast<size_t>(geometry.node_count * kNodeSize + kHeadSize);
   if (!shm_.InitForWrite(name, size, Log::DefaultCreateFlags())) {
-    Log::Log(kLogError, "ShmHashTable::InitForWrite: shm init(%s, %lu) fail\n", name.c_str(), size);
+    Log::Log(kLogError, "ShmHashTable::InitForWrite: shm init(%s, %zu) fail\n", name.c_str(), size);
     return false;
   }
   is_fresh_ = shm_.is_newly_created() || IsUnfinished(geometry);
@@ -300,7 +305,8 @@ bool ShmHashTable<Key, Node, Alloc>::CheckForWrite(const Geometry& geometry) con
   const uint32_t first_row_size = impl::Load(&shm_->first_row_size);
   const uint32_t ratio = impl::Load(&shm_->row_size_ratio);
   const uint32_t row_num = impl::Load(&shm_->row_num);
-  return Log::Check(magic == kMagic, "ShmHashTable::InitForWrite: bad magic(0x%lx)\n", magic) &&
+  return Log::Check(magic == kMagic, "ShmHashTable::InitForWrite: bad magic(0x%" PRIx64 ")\n",
+                    magic) &&
          Log::Check(Log::MajorVer(ver) == 1, "ShmHashTable::InitForWrite: bad ver(0x%x)\n", ver) &&
          Log::Check(head_size == kHeadSize, "ShmHashTable::InitForWrite: bad head_size(%u)\n",
                     head_size) &&
@@ -323,7 +329,7 @@ bool ShmHashTable<Key, Node, Alloc>::InitForRead(const std::string& name) {
     return false;
   }
   if (!shm_.InitForRead(name, kHeadSize)) {
-    Log::Log(kLogError, "ShmHashTable::InitForRead: shm init(%s, %lu) fail\n", name.c_str(),
+    Log::Log(kLogError, "ShmHashTable::InitForRead: shm init(%s, %zu) fail\n", name.c_str(),
              static_cast<size_t>(kHeadSize));
     return false;
   }
@@ -333,9 +339,9 @@ bool ShmHashTable<Key, Node, Alloc>::InitForRead(const std::string& name) {
   const uint32_t node_size = impl::Load(&shm_->node_size);
   const uint32_t node_num = impl::Load(&shm_->node_num);
   const uint32_t row_num = impl::Load(&shm_->row_num);
-  const size_t size = static_cast<size_t>(node_num) * kNodeSize + kHeadSize;
+  const uint64_t size = uint64_t{node_num} * kNodeSize + kHeadSize;
   const bool is_ours =
-      Log::Check(magic == kMagic, "ShmHashTable::InitForRead: bad magic(0x%lx)\n", magic) &&
+      Log::Check(magic == kMagic, "ShmHashTable::InitForRead: bad magic(0x%" PRIx64 ")\n", magic) &&
       Log::Check(Log::MajorVer(ver) == 1, "ShmHashTable::InitForRead: bad ver(0x%x)\n", ver) &&
       Log::Check(head_size == kHeadSize, "ShmHashTable::InitForRead: bad head_size(%u)\n",
                  head_size) &&

@@ -26,6 +26,7 @@
 #define BSP_SHMC_SHM_LINK_TABLE_H_
 
 #include <algorithm>
+#include <cinttypes>
 #include <cstdint>
 #include <ctime>
 #include <limits>
@@ -207,9 +208,11 @@ bool ShmLinkTable<Alloc>::InitForWrite(const std::string& name, size_t user_node
     Log::Log(kLogError, "ShmLinkTable::InitForWrite: already initialized\n");
     return false;
   }
-  // Both land in 32-bit fields, so that their product cannot overflow a size_t.
+  // Both land in 32-bit fields; the whole has to fit into the addresses that there are.
   constexpr size_t kMost = std::numeric_limits<uint32_t>::max() - kNodeHeadSize;
-  if (user_node_size < 4 || user_node_num == 0 || user_node_size > kMost || user_node_num > kMost) {
+  constexpr size_t kMostBytes = std::numeric_limits<size_t>::max() - kHeadSize;
+  if (user_node_size < 4 || user_node_num == 0 || user_node_size > kMost || user_node_num > kMost ||
+      user_node_num + 1 > kMostBytes / (user_node_size + kNodeHeadSize)) {
     Log::Log(kLogError, "ShmLinkTable::InitForWrite: invalid user_node parma\n");
     return false;
   }
@@ -217,7 +220,7 @@ bool ShmLinkTable<Alloc>::InitForWrite(const std::string& name, size_t user_node
   const size_t node_num = user_node_num + 1;
   const size_t size = kHeadSize + node_size * node_num;
   if (!shm_.InitForWrite(name, size, Log::DefaultCreateFlags())) {
-    Log::Log(kLogError, "ShmLinkTable::InitForWrite: shm init(%s, %lu) fail\n", name.c_str(), size);
+    Log::Log(kLogError, "ShmLinkTable::InitForWrite: shm init(%s, %zu) fail\n", name.c_str(), size);
     return false;
   }
   if (shm_.is_newly_created() || IsUnfinished(node_size, node_num)) {
@@ -234,7 +237,7 @@ bool ShmLinkTable<Alloc>::InitForRead(const std::string& name) {
     return false;
   }
   if (!shm_.InitForRead(name, kHeadSize)) {
-    Log::Log(kLogError, "ShmLinkTable::InitForRead: shm init(%s, %lu) fail\n", name.c_str(),
+    Log::Log(kLogError, "ShmLinkTable::InitForRead: shm init(%s, %zu) fail\n", name.c_str(),
              static_cast<size_t>(kHeadSize));
     return false;
   }
@@ -243,9 +246,9 @@ bool ShmLinkTable<Alloc>::InitForRead(const std::string& name) {
   const uint32_t head_size = impl::Load(&shm_->head_size);
   const uint32_t node_size = impl::Load(&shm_->node_size);
   const uint32_t node_num = impl::Load(&shm_->node_num);
-  const size_t size = static_cast<size_t>(node_size) * node_num + kHeadSize;
+  const uint64_t size = uint64_t{node_size} * node_num + kHeadSize;
   const bool is_sound =
-      Log::Check(magic == kMagic, "ShmLinkTable::InitForRead: bad magic(0x%lx)\n", magic) &&
+      Log::Check(magic == kMagic, "ShmLinkTable::InitForRead: bad magic(0x%" PRIx64 ")\n", magic) &&
       Log::Check(Log::MajorVer(ver) == 1, "ShmLinkTable::InitForRead: bad ver(0x%x)\n", ver) &&
       Log::Check(head_size == kHeadSize, "ShmLinkTable::InitForRead: bad head_size(%u)\n",
                  head_size) &&
@@ -266,7 +269,8 @@ bool ShmLinkTable<Alloc>::CheckForWrite(size_t node_size, size_t node_num) {
   const uint32_t found_size = impl::Load(&shm_->node_size);
   const uint32_t found_num = impl::Load(&shm_->node_num);
   const bool is_ours =
-      Log::Check(magic == kMagic, "ShmLinkTable::InitForWrite: bad magic(0x%lx)\n", magic) &&
+      Log::Check(magic == kMagic, "ShmLinkTable::InitForWrite: bad magic(0x%" PRIx64 ")\n",
+                 magic) &&
       Log::Check(Log::MajorVer(ver) == 1, "ShmLinkTable::InitForWrite: bad ver(0x%x)\n", ver) &&
       Log::Check(head_size == kHeadSize, "ShmLinkTable::InitForWrite: bad head_size(%u)\n",
                  head_size) &&
@@ -292,7 +296,7 @@ bool ShmLinkTable<Alloc>::CheckForWrite(size_t node_size, size_t node_num) {
 // nodes and each field is right or still zero.
 template <typename Alloc>
 bool ShmLinkTable<Alloc>::IsUnfinished(size_t node_size, size_t node_num) const {
-  if (!shm_.CheckSize(kHeadSize + node_size * node_num)) return false;
+  if (!shm_.CheckSize(kHeadSize + uint64_t{node_size} * node_num)) return false;
   if (!rebuild_) return impl::IsZero(shm_.ptr(), kHeadSize);
   const auto fits = [](uint64_t found, uint64_t right) { return found == right || found == 0; };
   return impl::Load(&shm_->node_num) == 0 && fits(impl::Load(&shm_->magic), kMagic) &&
@@ -611,7 +615,7 @@ void ShmLinkTable<Alloc>::RebuildFreeList() {
     Claim(link_buf_t(static_cast<uint32_t>(index), tag & ~kFirstTagBit), &census);  // or it is lost
   }
   RelayFreeList(census);
-  Log::Log(kLogWarning, "ShmLinkTable::InitForWrite: rebuilt %s, %lu of %lu nodes free\n",
+  Log::Log(kLogWarning, "ShmLinkTable::InitForWrite: rebuilt %s, %zu of %zu nodes free\n",
            shm_.name().c_str(), free_nodes(), total_nodes());
 }
 

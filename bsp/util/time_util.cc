@@ -23,9 +23,9 @@ int64_t TimeUtil::TimeSecond() { return Nanos(CLOCK_REALTIME) / kNanosPerSecond;
 int64_t TimeUtil::ClockMillis() { return Nanos(CLOCK_MONOTONIC_RAW) / kNanosPerMilli; }
 int64_t TimeUtil::ClockSecond() { return Nanos(CLOCK_MONOTONIC_RAW) / kNanosPerSecond; }
 
-struct tm* TimeUtil::LocalTime(struct tm* out, long seconds) {
+struct tm* TimeUtil::LocalTime(struct tm* out, int64_t seconds) {
   if (out == nullptr) return nullptr;
-  const time_t when = seconds != 0 ? seconds : static_cast<time_t>(TimeMillis() / 1000);
+  const auto when = static_cast<time_t>(seconds != 0 ? seconds : TimeMillis() / 1000);
   return localtime_r(&when, out);
 }
 
@@ -33,7 +33,7 @@ const char* TimeUtil::TimeMillisStr() {
   static thread_local char text[kTextSize];
   const int64_t now = TimeMillis();
   struct tm local = {};
-  LocalTime(&local, static_cast<long>(now / 1000));
+  LocalTime(&local, now / 1000);
   snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d.%03d", local.tm_year + 1900,
            local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
            static_cast<int>(now % 1000));
@@ -43,7 +43,7 @@ const char* TimeUtil::TimeMillisStr() {
 const char* TimeUtil::TimeSecondStr() {
   static thread_local char text[kTextSize];
   struct tm local = {};
-  LocalTime(&local, static_cast<long>(TimeSecond()));
+  LocalTime(&local, TimeSecond());
   snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d", local.tm_year + 1900,
            local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
   return text;

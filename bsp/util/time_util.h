@@ -23,7 +23,7 @@ class BSP_EXPORT TimeUtil {
 
   // Fills `out` with the local time of `seconds` since the epoch; 0 means now. The result of
   // localtime_r.
-  static struct tm* LocalTime(struct tm* out, long seconds);
+  static struct tm* LocalTime(struct tm* out, int64_t seconds);
 
   // Now in local time, "2026-11-18 15:55:47.042" or without the milliseconds. The text lies in a
   // buffer of the calling thread, good until that thread's next call of the same operation.
