@@ -7,6 +7,7 @@
 #include <stdlib.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
+#include <sys/sem.h>
 #include <sys/socket.h>
 #include <termios.h>
 
@@ -251,6 +252,86 @@ TEST(LogClient, ModulesThatStartAtOnce) {
     }
     EXPECT_EQ(names.size() - names.count(""), 32u);
   }
+}
+
+// Starts of one name at the same moment, of modules and of the server's own, share one record.
+TEST(LogClient, OneNameTakesOneRecord) {
+  NEED_PRIVATE_WORLD();
+  for (int round = 0; round < 60; ++round) {
+    int gate[2];
+    ASSERT_EQ(pipe(gate), 0);
+    Block block;
+    std::vector<test::Child> starts;
+    for (int i = 0; i < 8; ++i) {
+      starts.push_back(test::Child::Fork([&, i] {
+        close(gate[1]);
+        char byte;
+        if (read(gate[0], &byte, 1) != 0) return 1;
+        if (i == 0) return SysWdg::ModuleRegister(block.ptr(), "same") != nullptr ? 0 : 2;
+        return log_init_v2(6, "same", 0) == 0 ? 0 : 3;
+      }));
+    }
+    close(gate[1]);  // all at once
+    for (test::Child& start : starts) EXPECT_EQ(start.Wait(), 0) << start.output();
+    close(gate[0]);
+    EXPECT_EQ(NameOf(block->mods[0].mod_name), "same");
+    EXPECT_EQ(NameOf(block->mods[1].mod_name), "") << "round " << round;
+  }
+}
+
+// A start of the server that overtakes a registration leaves it whole or not at all, also where no
+// lock can be had: a set of one semaphore under the block's key is none of ours.
+TEST(LogClient, ClearedUnderARegistration) {
+  NEED_PRIVATE_WORLD();
+  const auto race = [] {
+    Block block;
+    const int stranger = semget(0x64000000, 1, IPC_CREAT | 0600);
+    bsp::LogSrvCfg cfg;
+    SysWdg wdg(cfg);
+    wdg.Init(block.ptr());
+    SystemLogClient client;
+    if (stranger == -1 || !client.Start("module")) return 1;
+    constexpr int kRounds = 30000;
+    std::atomic<int> begun{0};
+    std::atomic<int> done{0};
+    std::atomic<int> checked{0};
+    std::thread clearing([&] {
+      for (int i = 1; i <= kRounds; ++i) {
+        wdg.InitDefaultModule();
+        begun = i;
+        wdg.InitDefaultModule();
+        done = i;
+        while (checked < i) {
+        }
+      }
+    });
+    int broken = 0;
+    int kept = 0;
+    for (int i = 1; i <= kRounds; ++i) {
+      while (begun < i) {
+      }
+      for (int spin = i % 4096; spin > 0; --spin) asm volatile("");
+      client.RegWatchdogMod();
+      while (done < i) {
+      }
+      for (const ModSta& mod : block->mods) {
+        if (mod.mod_name[0] == '\0') continue;
+        ++kept;
+        broken += mod.logs[0].log_level != 6 || mod.logs[31].log_level != 6 ? 1 : 0;
+      }
+      checked = i;
+    }
+    clearing.join();
+    semctl(stranger, 0, IPC_RMID);
+    fprintf(stderr, "%d registrations kept, %d broken\n", kept, broken);
+    return broken == 0 && kept > 0 ? 0 : 2;
+  };
+  test::Child racers = test::Child::Fork([&] {
+    g_log_level = BSP_LEVEL_EMERG;
+    if (freopen("/dev/null", "w", stdout) == nullptr) return 3;
+    return race();
+  });
+  EXPECT_EQ(racers.Wait(), 0) << racers.output();
 }
 
 // ---- The watchdog

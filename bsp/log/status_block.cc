@@ -15,10 +15,17 @@
 // wipe tag slots that the winner is using already; and who reads a non-empty name reads the fields
 // that belong to it, so that no check of the watchdog finds a new module with an old feed time.
 //
-// The log server may zero the block at any moment of this. Then the second swap fails and the
-// claimant starts over. A claimant that died between the two swaps leaves its pid behind, and the
-// record is taken over; if the pid lives again in another process, the record is passed over until
-// the server's next start.
+// One name must not take two records, of which the second would never be fed and be late for ever.
+// So who registers looks for its name and claims under one lock for all processes, which the kernel
+// frees when its holder dies. The swaps remain what keeps a record whole, since the lock is best
+// effort: a stopped holder must not keep a device from starting, and the set may not be had.
+//
+// The log server may clear the block at any moment of this. It claims all records first, so that
+// the second swap of every claimant fails, then zeroes all else, and frees the names last: no name
+// is published in the midst of the zeroing and stands there with fields that were wiped behind it.
+// A claimant that died between the two swaps leaves its pid behind, and the record is taken over;
+// if the pid lives again in another process, the record is passed over until the server's next
+// start.
 //
 // Rejected: filling in the fields before the one swap that sets the name. Two claimants would fill
 // in the same record, and the loser's stores can land behind the winner's first use.
@@ -31,6 +38,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "bsp/log/module_census.h"
 #include "bsp/util/time_util.h"
 
 namespace bsp {
@@ -46,6 +54,13 @@ constexpr size_t kNameWords = kNameSize / sizeof(NameWord);
 static_assert((offsetof(SystemStatus, mods) + offsetof(ModSta, mod_name)) % sizeof(NameWord) == 0 &&
                   sizeof(ModSta) % sizeof(NameWord) == 0,
               "each mod_name begins at an aligned word");
+
+// Whether this word of the block begins a mod_name.
+bool IsFirstNameWord(size_t word) {
+  const size_t offset = word * sizeof(NameWord);
+  return offset >= offsetof(SystemStatus, mods) &&
+         (offset - offsetof(SystemStatus, mods)) % sizeof(ModSta) == offsetof(ModSta, mod_name);
+}
 
 NameWord* NameWords(ModSta* mod) { return reinterpret_cast<NameWord*>(mod->mod_name); }
 
@@ -93,6 +108,21 @@ void FillIn(ModSta* mod, const ModuleStart& start) {
   ResetTagSlots(mod);
 }
 
+// The index; -1 for an empty name or when all are taken.
+int Claim(SystemStatus* sta, const std::string& name, const ModuleStart& start) {
+  if (*name.c_str() == '\0') return -1;  // would leave the record free, for the next to take
+  const uint64_t mark = OwnMark();
+  // 4: the block is cleared only at the log server's start, which cannot overtake us time and again
+  for (int attempt = 0; attempt < 4; ++attempt) {
+    int i = 0;
+    while (i < kMaxModules && !Reserve(&sta->mods[i], mark)) ++i;
+    if (i == kMaxModules) return -1;
+    FillIn(&sta->mods[i], start);
+    if (Publish(&sta->mods[i], mark, name)) return i;
+  }
+  return -1;
+}
+
 }  // namespace
 
 size_t CopyName(const char (&field)[32], char (&name)[33]) {
@@ -121,18 +151,10 @@ int FindModule(const SystemStatus& sta, const std::string& name) {
   return -1;
 }
 
-int ClaimModule(SystemStatus* sta, const std::string& name, const ModuleStart& start) {
-  if (*name.c_str() == '\0') return -1;  // would leave the record free, for the next to take
-  const uint64_t mark = OwnMark();
-  // 4: the block is cleared only at the log server's start, which cannot overtake us time and again
-  for (int attempt = 0; attempt < 4; ++attempt) {
-    int i = 0;
-    while (i < kMaxModules && !Reserve(&sta->mods[i], mark)) ++i;
-    if (i == kMaxModules) return -1;
-    FillIn(&sta->mods[i], start);
-    if (Publish(&sta->mods[i], mark, name)) return i;
-  }
-  return -1;
+Registration RegisterModule(SystemStatus* sta, const std::string& name, const ModuleStart& start) {
+  const RegistrationLock lock;
+  const int known = FindModule(*sta, name);
+  return known != -1 ? Registration{known, true} : Registration{Claim(sta, name, start), false};
 }
 
 void RenewModule(ModSta* mod) {
@@ -162,9 +184,17 @@ void SetModuleLevel(ModSta* mod, int32_t level) {
 }
 
 void ClearBlock(SystemStatus* sta) {
-  using Word __attribute__((may_alias)) = uint64_t;
-  Word* words = reinterpret_cast<Word*>(sta);
-  for (size_t i = 0; i < sizeof *sta / sizeof *words; ++i) StoreWord(words[i], uint64_t{0});
+  const RegistrationLock lock;
+  for (ModSta& mod : sta->mods) {
+    // The acquire half keeps the zeroing behind it; pairs with the release in Publish.
+    __atomic_exchange_n(&NameWords(&mod)[0], OwnMark(), __ATOMIC_ACQ_REL);
+  }
+  NameWord* words = reinterpret_cast<NameWord*>(sta);
+  for (size_t i = 0; i < sizeof *sta / sizeof *words; ++i) {
+    if (!IsFirstNameWord(i)) StoreWord(words[i], uint64_t{0});
+  }
+  for (ModSta& mod : sta->mods) __atomic_store_n(&NameWords(&mod)[0], 0, __ATOMIC_RELEASE);
+  ForgetHolders();
 }
 
 }  // namespace bsp

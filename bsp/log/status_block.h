@@ -42,10 +42,16 @@ struct ModuleStart {
   bool sets_running;  // whether `running` becomes 1, else it is left alone
 };
 
-// Takes the first free record for a new name, which is stored cut to 30 characters. The record
-// becomes visible with all its fields set, and two callers in any two processes never get the same
-// one. The index; -1 for an empty name or when all 32 are taken.
-int ClaimModule(SystemStatus* sta, const std::string& name, const ModuleStart& start);
+// A record that was found by its name, or taken for it.
+struct Registration {
+  int index;      // -1: the name is empty, or all 32 are taken
+  bool is_known;  // the name had this record already
+};
+
+// Finds the record of this name, or takes the first free one, in which the name stands cut to 30
+// characters. A record becomes visible with all its fields set; however many processes register at
+// the same moment, each name gets one record and each record one name.
+Registration RegisterModule(SystemStatus* sta, const std::string& name, const ModuleStart& start);
 
 // The module of this record has come up again: one feed, just now.
 void RenewModule(ModSta* mod);
@@ -59,7 +65,8 @@ void SetTagName(LogModSta* slot, const std::string& tag);
 // Sets the threshold of the module and of all its tags, free slots included. `level` is 0 to 7.
 BSP_EXPORT void SetModuleLevel(ModSta* mod, int32_t level);
 
-// Zeroes the block: what modules registered before is gone.
+// Zeroes the block: what modules registered before is gone. A registration that it overtakes starts
+// over.
 void ClearBlock(SystemStatus* sta);
 
 }  // namespace bsp

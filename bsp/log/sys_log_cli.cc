@@ -90,24 +90,24 @@ void SystemLogClient::Stop() {
 
 ModSta* SystemLogClient::RegWatchdogMod() {
   if (sta_ptr_ == nullptr) return nullptr;
-  const int known = FindModule(*sta_ptr_, mod_name_);
-  if (known != -1) {
-    RenewModule(&sta_ptr_->mods[known]);
-    ResetTagSlots(&sta_ptr_->mods[known]);
-    printf("module %s already registered, index %d.\n", mod_name_.c_str(), known);
-    return &sta_ptr_->mods[known];
-  }
   if (mod_name_.empty()) {
     puts("module name is empty.");
     return nullptr;
   }
-  const int taken = ClaimModule(sta_ptr_, mod_name_, {kClientTimeoutSeconds, true});
-  if (taken == -1) {
+  const Registration record = RegisterModule(sta_ptr_, mod_name_, {kClientTimeoutSeconds, true});
+  if (record.index == -1) {
     printf("register module %s failed, module %d is full.\n", mod_name_.c_str(), kMaxModules);
     return nullptr;
   }
-  printf("module register %s, index %d.\n", mod_name_.c_str(), taken);
-  return &sta_ptr_->mods[taken];
+  ModSta* mod = &sta_ptr_->mods[record.index];
+  if (record.is_known) {
+    RenewModule(mod);
+    ResetTagSlots(mod);
+    printf("module %s already registered, index %d.\n", mod_name_.c_str(), record.index);
+  } else {
+    printf("module register %s, index %d.\n", mod_name_.c_str(), record.index);
+  }
+  return mod;
 }
 
 void SystemLogClient::RegLogMod(const std::string& tag) {

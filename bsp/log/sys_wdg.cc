@@ -63,20 +63,20 @@ ModSta* SysWdg::ModuleRegister(SystemStatus* sta, const std::string& name) {
     BSP_LOG_ERROR(MOD_BSP, "sta_ptr is nullptr\n");
     return nullptr;
   }
-  const int known = FindModule(*sta, name);
-  if (known != -1) {
-    RenewModule(&sta->mods[known]);
-    BSP_LOG_INFO(MOD_BSP, "module %s already registered, index %d\n", name.c_str(), known);
-    return &sta->mods[known];
-  }
-  const int taken = ClaimModule(sta, name, {kServerTimeoutSeconds, false});
-  if (taken == -1) {
+  const Registration record = RegisterModule(sta, name, {kServerTimeoutSeconds, false});
+  if (record.index == -1) {
     BSP_LOG_ERROR(MOD_BSP, "register module %s failed, module %d is full.\n", name.c_str(),
                   kMaxModules);
     return nullptr;
   }
-  BSP_LOG_INFO(MOD_BSP, "module register %s, index %d.\n", name.c_str(), taken);
-  return &sta->mods[taken];
+  ModSta* mod = &sta->mods[record.index];
+  if (record.is_known) {
+    RenewModule(mod);
+    BSP_LOG_INFO(MOD_BSP, "module %s already registered, index %d\n", name.c_str(), record.index);
+  } else {
+    BSP_LOG_INFO(MOD_BSP, "module register %s, index %d.\n", name.c_str(), record.index);
+  }
+  return mod;
 }
 
 void SysWdg::FeedModuleWatchDog(const char* mod) {
