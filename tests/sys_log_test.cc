@@ -291,34 +291,33 @@ TEST(LogClient, ClearedUnderARegistration) {
     wdg.Init(block.ptr());
     SystemLogClient client;
     if (stranger == -1 || !client.Start("module")) return 1;
-    constexpr int kRounds = 30000;
+    const int64_t end_ms = TimeUtil::ClockMillis() + 2000;
+    std::atomic<bool> is_over{false};
     std::atomic<int> begun{0};
     std::atomic<int> done{0};
     std::atomic<int> checked{0};
     std::thread clearing([&] {
-      for (int i = 1; i <= kRounds; ++i) {
+      for (int i = 1; !is_over; ++i) {
         wdg.InitDefaultModule();
         begun = i;
         wdg.InitDefaultModule();
         done = i;
-        while (checked < i) {
-        }
+        while (checked < i) std::this_thread::yield();
       }
     });
     int broken = 0;
     int kept = 0;
-    for (int i = 1; i <= kRounds; ++i) {
-      while (begun < i) {
-      }
+    for (int i = 1; !is_over; ++i) {
+      while (begun < i) std::this_thread::yield();
       for (int spin = i % 4096; spin > 0; --spin) asm volatile("");
       client.RegWatchdogMod();
-      while (done < i) {
-      }
+      while (done < i) std::this_thread::yield();
       for (const ModSta& mod : block->mods) {
         if (mod.mod_name[0] == '\0') continue;
         ++kept;
         broken += mod.logs[0].log_level != 6 || mod.logs[31].log_level != 6 ? 1 : 0;
       }
+      is_over = TimeUtil::ClockMillis() > end_ms;
       checked = i;
     }
     clearing.join();
@@ -433,6 +432,8 @@ bsp::LogSrvOptions AllOptions(const std::string& watchdog_device = "") {
   options.bind_at_start = true;
   options.datagrams_per_turn = 16;
   options.loopback_only = true;
+  options.fair_verdicts = true;
+  options.record_each_lateness = true;
   options.watchdog_device = watchdog_device;
   return options;
 }
@@ -588,6 +589,7 @@ TEST(LogServer, LateModulesStopTheDevice) {
   Block block;
   Device device;
   bsp::LogSrvOptions options = AllOptions(device.path);
+  options.fair_verdicts = options.record_each_lateness = false;
   std::atomic<int> turns{0};
   options.on_turn = [&turns] { ++turns; };
   Server server(options, "[watchdog]\nmodule_0=mod\n");
@@ -630,6 +632,80 @@ TEST(LogServer, LateModulesStopTheDevice) {
   const Rows own = server.Table("tbl_sys_log");
   ASSERT_EQ(own.size(), 2u);
   EXPECT_NE(own[1].find(" mod mod(70, 60)"), std::string::npos) << own[1];
+}
+
+// A loop that the test can stop at the end of a turn, with a device; the clock is frozen.
+struct StoppedServer {
+  explicit StoppedServer(const std::string& cfg) {
+    g_log_level = BSP_LEVEL_CRIT;
+    bsp::LogSrvOptions options = AllOptions(device.path);
+    options.on_turn = [this] {
+      ++turns;
+      for (; is_stopped; TimeUtil::SleepMs(1)) stands = true;
+      stands = false;
+    };
+    server = std::make_unique<Server>(options, cfg);
+    server->Loop();
+  }
+  ~StoppedServer() { g_log_level = BSP_LEVEL_INFO; }
+  // The loop stands still for so long, and this happens meanwhile; what it does to the device when
+  // it goes on.
+  std::string After(
+      int seconds, const std::function<void()>& meanwhile = [] {}) {
+    is_stopped = true;
+    while (!stands) AwaitTurns(0);
+    test::g_clock_shift += seconds;
+    meanwhile();
+    is_stopped = false;
+    AwaitTurns(2);
+    return device.Written();
+  }
+  void AwaitTurns(int count) {
+    const int turn = turns;
+    do {
+      sender.Send(3, "");
+      TimeUtil::SleepMs(1);
+    } while (turns < turn + count);
+  }
+  void Feed(const std::string& name) { sender.Send(4, "", 0, 0xaa55aa55, 1096, name); }
+  // The rows that tell of late modules, behind their times.
+  Rows Late() {
+    server->Stop();
+    Rows rows;
+    for (const std::string& row : server->Table("tbl_sys_log")) {
+      const size_t begin = row.find(" mod ");
+      if (begin != std::string::npos)
+        rows.push_back(row.substr(begin + 5, row.find("  not") - begin - 5));
+    }
+    return rows;
+  }
+  const FrozenClock clock;
+  Block block;
+  Device device;
+  Sender sender;
+  std::atomic<bool> is_stopped{false};
+  std::atomic<bool> stands{false};
+  std::atomic<int> turns{0};
+  std::unique_ptr<Server> server;
+};
+
+// A stall of the loop costs no module its verdict: what waits is read before one, and the pass that
+// comes late gives none. Each lateness of each module is told once.
+TEST(LogServer, StallIsNoLateness) {
+  NEED_PRIVATE_WORLD();
+  StoppedServer loop("[watchdog]\nmodule_0=good\nmodule_1=dead\n");
+  EXPECT_EQ(loop.After(5), ".");
+  const auto feed_behind_records = [&] {
+    for (int i = 0; i < 50; ++i) loop.sender.Send(LOG_TYPE_BUS, "in front");
+    loop.Feed("good");
+  };
+  EXPECT_EQ(loop.After(75, feed_behind_records), ".");
+  EXPECT_EQ(loop.After(5), "");  // the next one judges
+  EXPECT_EQ(loop.After(5), "");
+  EXPECT_EQ(loop.After(5, [&] { loop.Feed("dead"); }), ".");
+  EXPECT_EQ(loop.After(75, feed_behind_records), ".");
+  EXPECT_EQ(loop.After(5), "");
+  EXPECT_EQ(loop.Late(), (Rows{"dead(85, 60)", "dead(80, 60)"}));
 }
 
 // A wait that a signal cuts short ends the loop. That is a failure: the device stays armed, and

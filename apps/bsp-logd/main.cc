@@ -65,6 +65,8 @@ bsp::LogSrvOptions ServerOptions(const Settings& settings) {
   options.receive_buffer_bytes = kReceiveBufferBytes;
   options.datagrams_per_turn = kDatagramsPerTurn;
   options.record_drops = true;
+  options.fair_verdicts = true;
+  options.record_each_lateness = true;
   options.loopback_only = true;
   options.watchdog_device = settings.watchdog_device;
   options.database.journal = true;

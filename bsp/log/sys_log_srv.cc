@@ -15,6 +15,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -34,6 +35,7 @@ namespace {
 constexpr int kTurnMs = 1000;
 constexpr int32_t kMostTextBytes = 1023;
 constexpr int64_t kMostDrainMs = 10000;
+constexpr int kMostWaiting = 8192;  // datagrams; a buffer of 4 MB holds 3600
 
 // While it exists, a late module does not stop the feeding of the device watchdog.
 constexpr const char kWdgCloseFile[] = "/mnt/nand/watchdog_close.conf";
@@ -51,7 +53,8 @@ std::string HostText(uint32_t host) {
 
 SystemLogServer::SystemLogServer(LogSrvOptions options)
     : options_(std::move(options)),
-      receiver_(options_.datagrams_per_turn, options_.receive_buffer_bytes) {}
+      receiver_(options_.datagrams_per_turn, options_.receive_buffer_bytes),
+      pass_(options_.fair_verdicts) {}
 
 SystemLogServer::~SystemLogServer() { SystemLogServer::Stop(); }
 
@@ -177,7 +180,8 @@ void SystemLogServer::RunLoopLog() {
 bool SystemLogServer::BeginLoop() {
   if (!receiver_.IsOpen() && !OpenReceiver()) return false;
   BSP_LOG_INFO(MOD_BSP, "UDP listening 0.0.0.0:%d...", kLogPort);
-  pass_time_ = TimeUtil::ClockSecond();
+  pass_.Begin(TimeUtil::ClockSecond());
+  is_anyone_late_ = false;
   if (!running_) return true;
   std::string why;
   if (!wdg_->ArmDeviceWatchDog(&why)) {
@@ -201,10 +205,7 @@ bool SystemLogServer::Turn() {
   if (is_skipped && options_.datagrams_per_turn <= 1) return true;
 
   const int64_t now = TimeUtil::ClockSecond();
-  if (now - pass_time_ > kWdgPassSeconds) {
-    pass_time_ = now;
-    WatchdogPass();
-  }
+  if (pass_.IsDue(now)) RunPass(now);
   if (options_.record_drops && now != drops_time_) {
     drops_time_ = now;
     RecordDrops();
@@ -259,15 +260,43 @@ void SystemLogServer::Drain() {
   rec_->Flush();
 }
 
-void SystemLogServer::WatchdogPass() {
-  std::string late;
-  if (!wdg_->IsHadTimeOut(late)) {
+// Reads what waited when a verdict was due, so that no feed stands unread before it. Bounded, since
+// senders may go on: more than the largest receive buffer holds.
+void SystemLogServer::ReadWaiting() {
+  int left = kMostWaiting;
+  while (left > 0 && receiver_.Wait(-1, 0) == LogReceiver::Event::kDatagram) {
+    ReceiveTurn();
+    left -= std::max(options_.datagrams_per_turn, 1);
+  }
+}
+
+void SystemLogServer::RunPass(int64_t now) {
+  if (options_.fair_verdicts) ReadWaiting();
+
+  if (pass_.Enter(now)) {
+    const std::vector<LateModule> late = wdg_->Check();
+    TellLate(late);
+    is_anyone_late_ = !late.empty();
+  } else {
+    BSP_LOG_WARN(MOD_BSP, "the watchdog pass came late, the next one judges the modules");
+  }
+  if (!is_anyone_late_) {
     wdg_->FeedDeviceWatchDog();
     return;
   }
-  TimeOutProc(late);
   if (LoadWord(sta_ptr_->wdg_enable) == 0) wdg_->FeedDeviceWatchDog();
   if (FileUtil::IsFileExist(kWdgCloseFile)) wdg_->FeedDeviceWatchDog();
+}
+
+void SystemLogServer::TellLate(const std::vector<LateModule>& late) {
+  const std::vector<LateModule> told = options_.record_each_lateness ? pass_.TakeNew(late) : late;
+  if (told.empty()) return;
+  const std::string text = "mod " + LateText(told) + " not feed the dog\n";
+  if (options_.record_each_lateness) {
+    RecordLate(text);
+  } else {
+    TimeOutProc(text);
+  }
 }
 
 void SystemLogServer::RecordDrops() {
@@ -315,7 +344,10 @@ void SystemLogServer::Search() {
 
 void SystemLogServer::TimeOutProc(const std::string& text) {
   static std::atomic<bool> is_told{false};
-  if (is_told.exchange(true)) return;
+  if (!is_told.exchange(true)) RecordLate(text);
+}
+
+void SystemLogServer::RecordLate(const std::string& text) {
   SysLogMsgRec(text);
   BSP_LOG_ERROR(MOD_BSP, "timeout log: %s", text.c_str());
 }

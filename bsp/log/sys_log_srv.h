@@ -10,6 +10,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "bsp/base/macros.h"
 #include "bsp/db/database.h"
@@ -18,6 +19,7 @@
 #include "bsp/log/sys_log_cli.h"
 #include "bsp/log/sys_log_rec.h"
 #include "bsp/log/sys_wdg.h"
+#include "bsp/log/watchdog_pass.h"
 
 namespace bsp {
 
@@ -44,6 +46,15 @@ struct LogSrvOptions {
 
   // Datagrams that the kernel dropped become a row of type 2, level 4, at most one a second.
   bool record_drops = false;
+
+  // A module is judged only on evidence. A pass that itself comes late, by more than a second,
+  // judges nobody, and the next one does; what waits in the socket is read before any verdict.
+  // Until then the device is fed as after the last verdict.
+  bool fair_verdicts = false;
+
+  // A lateness is a row and a log line once for each module and each time that it becomes late, and
+  // not once in the process's life.
+  bool record_each_lateness = false;
 
   // Datagrams from other than 127.0.0.0/8 are dropped.
   bool loopback_only = false;
@@ -114,10 +125,13 @@ class BSP_EXPORT SystemLogServer : public SysLog {
   bool Turn();
   bool ReceiveTurn();
   bool HandleDatagram(const LogReceiver::Datagram& datagram);
-  void WatchdogPass();
+  void ReadWaiting();
+  void RunPass(int64_t now);
+  void TellLate(const std::vector<LateModule>& late);
   void RecordDrops();
   void Drain();
   void Search();
+  void RecordLate(const std::string& text);
   void RecordOwn(int32_t level, const std::string& text);
 
   std::atomic<bool> running_{false};  // from the end of Start to Stop
@@ -128,11 +142,12 @@ class BSP_EXPORT SystemLogServer : public SysLog {
   const LogSrvOptions options_;
   LogReceiver receiver_;
   std::string error_;
-  int wake_fd_ = -1;          // readable once Stop has been called
-  int64_t pass_time_ = 0;     // ClockSecond of the last watchdog pass
-  int64_t drops_time_ = 0;    // ClockSecond of the last look at the drops
-  uint32_t drops_ = 0;        // drops told so far
-  bool has_refused_ = false;  // a foreign sender has been told of
+  int wake_fd_ = -1;  // readable once Stop has been called
+  WatchdogPass pass_;
+  bool is_anyone_late_ = false;  // by the last verdict
+  int64_t drops_time_ = 0;       // ClockSecond of the last look at the drops
+  uint32_t drops_ = 0;           // drops told so far
+  bool has_refused_ = false;     // a foreign sender has been told of
 
   std::mutex loop_mutex_;  // guards the two below
   std::condition_variable loop_left_;

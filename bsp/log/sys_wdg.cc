@@ -26,6 +26,15 @@ constexpr int kComparedChars = 31;
 
 }  // namespace
 
+std::string LateText(const std::vector<LateModule>& late) {
+  std::string text;
+  for (const LateModule& module : late) {
+    text +=
+        StringHelper::Format("%s(%ld, %d) ", module.name.c_str(), module.elapsed, module.timeout);
+  }
+  return text;
+}
+
 SysWdg::SysWdg(LogSrvCfg& cfg, std::string device_path)
     : cfg_(cfg), device_path_(std::move(device_path)) {}
 
@@ -102,10 +111,9 @@ void SysWdg::FeedModuleWatchDog(const char* mod) {
   BSP_LOG_ERROR(MOD_BSP, "module %s not found\n", mod);
 }
 
-bool SysWdg::IsHadTimeOut(std::string& out) {
+std::vector<LateModule> SysWdg::Check() {
   const int64_t now = TimeUtil::ClockSecond();
-  bool is_late = false;
-  out = "mod ";
+  std::vector<LateModule> late;
   for (int i = 0; sta_ptr_ != nullptr && i < kMaxModules; ++i) {
     ModSta& record = sta_ptr_->mods[i];
     char name[33];
@@ -115,15 +123,18 @@ bool SysWdg::IsHadTimeOut(std::string& out) {
                                                  static_cast<uint64_t>(LoadWord(record.feed_time)));
     const int32_t timeout = LoadWord(record.timeout);
     if (LoadWord(record.feed_cnt) == 0 && elapsed > timeout) {
-      out += StringHelper::Format("%s(%ld, %d) ", name, elapsed, timeout);
-      is_late = true;
+      late.push_back({name, elapsed, timeout});
     } else {
       StoreWord(record.feed_cnt, 0);
     }
   }
-  out += " not feed the dog\n";
-  if (!is_late) out.clear();
-  return is_late;
+  return late;
+}
+
+bool SysWdg::IsHadTimeOut(std::string& out) {
+  const std::vector<LateModule> late = Check();
+  out = late.empty() ? "" : "mod " + LateText(late) + " not feed the dog\n";
+  return !late.empty();
 }
 
 bool SysWdg::InitDeviceWatchDog() { return true; }

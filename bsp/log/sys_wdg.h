@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "bsp/base/macros.h"
 #include "bsp/log/log_msg.h"
@@ -12,6 +13,16 @@ namespace bsp {
 
 // The server's loop checks the modules when more than this has gone by since the last check.
 constexpr int64_t kWdgPassSeconds = 4;
+
+// A module that has not fed in time.
+struct LateModule {
+  std::string name;
+  int64_t elapsed;  // seconds since its last feed
+  int32_t timeout;  // seconds that it may let pass
+};
+
+// "a(25, 20) b(70, 60) ", each with the seconds gone by and its time-out.
+BSP_EXPORT std::string LateText(const std::vector<LateModule>& late);
 
 // Watches the feeds of all modules in the status block, and keeps the device watchdog alive when
 // told to. Times are ClockSecond, which no setting of the wall clock moves.
@@ -44,9 +55,11 @@ class BSP_EXPORT SysWdg {
   // Counts a feed for the first record whose name `mod` is, or begins.
   void FeedModuleWatchDog(const char* mod);
 
-  // One check of all records. A module is late that has not fed since the last check and whose last
-  // feed is longer ago than its time-out. True when one is; `out` then names all late ones with the
-  // seconds gone by and their time-outs, else it is empty.
+  // One check of all records: those, in record order, that have not fed since the last check and
+  // whose last feed is longer ago than their time-out.
+  std::vector<LateModule> Check();
+
+  // The same; true when a module is late. `out` then names all late ones, else it is empty.
   bool IsHadTimeOut(std::string& out);
 
   // Opens nothing; true.
