@@ -432,6 +432,7 @@ bsp::LogSrvOptions AllOptions(const std::string& watchdog_device = "") {
   options.bind_at_start = true;
   options.datagrams_per_turn = 16;
   options.loopback_only = true;
+  options.separate_feeds = true;
   options.fair_verdicts = true;
   options.record_each_lateness = true;
   options.watchdog_device = watchdog_device;
@@ -636,9 +637,10 @@ TEST(LogServer, LateModulesStopTheDevice) {
 
 // A loop that the test can stop at the end of a turn, with a device; the clock is frozen.
 struct StoppedServer {
-  explicit StoppedServer(const std::string& cfg) {
+  explicit StoppedServer(const std::string& cfg, bool has_separate_feeds = true) {
     g_log_level = BSP_LEVEL_CRIT;
     bsp::LogSrvOptions options = AllOptions(device.path);
+    options.separate_feeds = has_separate_feeds;
     options.on_turn = [this] {
       ++turns;
       for (; is_stopped; TimeUtil::SleepMs(1)) stands = true;
@@ -706,6 +708,35 @@ TEST(LogServer, StallIsNoLateness) {
   EXPECT_EQ(loop.After(75, feed_behind_records), ".");
   EXPECT_EQ(loop.After(5), "");
   EXPECT_EQ(loop.Late(), (Rows{"dead(85, 60)", "dead(80, 60)"}));
+}
+
+// A flood of records drops no feed. Where feeds were lost, among records or among themselves, their
+// modules are spared for one more time-out, which is told once.
+TEST(LogServer, FloodIsNoLateness) {
+  NEED_PRIVATE_WORLD();
+  for (const bool has_separate_feeds : {true, false}) {
+    SCOPED_TRACE(has_separate_feeds);
+    StoppedServer loop("[watchdog]\nmodule_0=good\n", has_separate_feeds);
+    const auto flood = [&](int type) {
+      for (int i = 0; i < 1000; ++i) loop.sender.Send(type, "", 0, 0xaa55aa55, 1096, "other");
+      loop.Feed("good");
+    };
+    EXPECT_EQ(loop.After(5, [&] { loop.Feed("good"); }), ".");
+    EXPECT_EQ(loop.After(55), ".");  // late, and judges nobody
+    EXPECT_EQ(loop.After(6, [&] { flood(LOG_TYPE_BUS); }), ".");
+    EXPECT_EQ(bsp::LoadWord(loop.block->mods[0].feed_time),
+              test::kFrozen + (has_separate_feeds ? 66 : 5));
+    if (has_separate_feeds) {
+      EXPECT_EQ(loop.After(55), ".");
+      EXPECT_EQ(loop.After(6, [&] { flood(LOG_TYPE_FEED_DOG); }), ".");
+    }
+    EXPECT_EQ(loop.After(6), ".");
+    EXPECT_EQ(loop.After(54), ".");  // late, and judges nobody
+    EXPECT_EQ(loop.After(5), "");
+    EXPECT_EQ(loop.Late(),
+              (Rows{"good(61, 60) not judged, their feeds may be among the datagrams lost",
+                    "good(126, 60)"}));
+  }
 }
 
 // A wait that a signal cuts short ends the loop. That is a failure: the device stays armed, and

@@ -65,6 +65,7 @@ bsp::LogSrvOptions ServerOptions(const Settings& settings) {
   options.receive_buffer_bytes = kReceiveBufferBytes;
   options.datagrams_per_turn = kDatagramsPerTurn;
   options.record_drops = true;
+  options.separate_feeds = true;
   options.fair_verdicts = true;
   options.record_each_lateness = true;
   options.loopback_only = true;

@@ -1,9 +1,12 @@
 #include "bsp/log/log_receiver.h"
 
+#include <linux/filter.h>
 #include <linux/sock_diag.h>
 #include <poll.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstddef>
 #include <cstring>
 
 #include "bsp/log/log.h"
@@ -31,13 +34,48 @@ bool LogReceiver::Open() {
     BSP_LOG_ERROR(MOD_BSP, "UDP socket creation failed");
     return false;
   }
-  if (!socket_.Bind(SocketAddress("0.0.0.0", kLogPort))) {
+  if (!Bind()) {
     BSP_LOG_ERROR(MOD_BSP, "UDP bind failed");
     Close();
     return false;
   }
   EnlargeBuffer();
   return true;
+}
+
+bool LogReceiver::Bind() { return socket_.Bind(SocketAddress("0.0.0.0", kLogPort)); }
+
+bool LogReceiver::OpenForFeeds(LogReceiver* records) {
+  if (Join(records)) {
+    EnlargeBuffer();
+    return true;
+  }
+  const int saved = errno;
+  BSP_LOG_WARN(MOD_BSP, "watchdog feeds share the receive buffer of the records, errno %d", saved);
+  Close();
+  const int off = 0;
+  records->socket_.SetOption(SOL_SOCKET, SO_REUSEPORT, &off, sizeof off);
+  return false;
+}
+
+// The first socket was bound without SO_REUSEPORT, so the port was free: a second log server is
+// refused as ever, since it asks in the same way. In the group that the two form the kernel asks
+// the program below for the index of the socket, and what is too short for it goes to the first.
+bool LogReceiver::Join(LogReceiver* records) {
+  const int on = 1;
+  if (!records->socket_.SetOption(SOL_SOCKET, SO_REUSEPORT, &on, sizeof on) ||
+      !socket_.Create(Socket::SOCKET_DGRAM) ||
+      !socket_.SetOption(SOL_SOCKET, SO_REUSEPORT, &on, sizeof on) || !Bind()) {
+    return false;
+  }
+  sock_filter steps[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(LogMsg, type)),  // as if in network order
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htonl(LOG_TYPE_FEED_DOG), 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, 1),
+      BPF_STMT(BPF_RET | BPF_K, 0),
+  };
+  const sock_fprog program = {sizeof steps / sizeof *steps, steps};
+  return socket_.SetOption(SOL_SOCKET, SO_ATTACH_REUSEPORT_CBPF, &program, sizeof program);
 }
 
 void LogReceiver::Close() { socket_.Close(); }
@@ -62,11 +100,9 @@ void LogReceiver::EnlargeBuffer() {
   }
 }
 
-// poll, not select: the descriptor may be above 1023.
-LogReceiver::Event LogReceiver::Wait(int wake_fd, int timeout_ms) {
-  struct pollfd fds[2] = {{socket_.GetNativeSocket(), POLLIN, 0}, {wake_fd, POLLIN, 0}};
-  if (poll(fds, 2, timeout_ms) < 0) return Event::kFailure;
-  return fds[0].revents != 0 ? Event::kDatagram : Event::kNothing;
+bool LogReceiver::HasWaiting() const {
+  struct pollfd waiting = {fd(), POLLIN, 0};
+  return IsOpen() && poll(&waiting, 1, 0) > 0;
 }
 
 const std::vector<LogReceiver::Datagram>& LogReceiver::Receive() {

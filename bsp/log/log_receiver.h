@@ -24,16 +24,22 @@ class LogReceiver {
 
   // Makes the socket and binds it to all interfaces. False, with a log line, on failure.
   bool Open();
+
+  // Makes a second socket for the port of `records`, which is open, that from now on gets the
+  // watchdog feeds, and they a receive buffer of their own: no flood of records can push them out.
+  // False, with a log line and `records` as it was, when the kernel cannot; before Linux 4.5.
+  bool OpenForFeeds(LogReceiver* records);
+
   void Close();
   bool IsOpen() const { return socket_.IsValid(); }
 
   // Lets no more datagrams in; those that wait can still be read. False when the kernel refuses.
   bool Seal();
 
-  enum class Event { kNothing, kDatagram, kFailure };
+  int fd() const { return socket_.GetNativeSocket(); }
 
-  // Waits for a datagram, or until `wake_fd` is readable or the time is over.
-  Event Wait(int wake_fd, int timeout_ms);
+  // Whether something waits to be read.
+  bool HasWaiting() const;
 
   // What one datagram brought.
   struct Datagram {
@@ -50,6 +56,8 @@ class LogReceiver {
   uint32_t CountDrops() const;
 
  private:
+  bool Bind();
+  bool Join(LogReceiver* records);
   void EnlargeBuffer();
 
   const int buffer_bytes_;

@@ -12,6 +12,7 @@
 // so that the same rows are stored and trimmed as with one; only system calls are saved.
 #include "bsp/log/sys_log_srv.h"
 
+#include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -54,6 +55,7 @@ std::string HostText(uint32_t host) {
 SystemLogServer::SystemLogServer(LogSrvOptions options)
     : options_(std::move(options)),
       receiver_(options_.datagrams_per_turn, options_.receive_buffer_bytes),
+      feeds_(options_.datagrams_per_turn, options_.receive_buffer_bytes),
       pass_(options_.fair_verdicts) {}
 
 SystemLogServer::~SystemLogServer() { SystemLogServer::Stop(); }
@@ -100,8 +102,11 @@ bool SystemLogServer::Open(const std::string& name) {
 }
 
 bool SystemLogServer::OpenReceiver() {
-  drops_ = 0;
-  if (receiver_.Open()) return true;
+  drops_ = feed_drops_ = 0;
+  if (receiver_.Open()) {
+    if (options_.separate_feeds) feeds_.OpenForFeeds(&receiver_);  // else they go on together
+    return true;
+  }
   return Fail(StringHelper::Format("cannot receive on UDP port %d: is another log server running?",
                                    kLogPort));
 }
@@ -127,6 +132,7 @@ void SystemLogServer::Stop() {
 
 void SystemLogServer::TearDown() {
   receiver_.Close();
+  feeds_.Close();
   SysLog::Stop();
   wdg_.reset();
   rec_.reset();
@@ -174,7 +180,9 @@ void SystemLogServer::RunLoopLog() {
     while (running_ && Turn()) {
     }
   }
-  if (!options_.flush_at_stop || !rec_) receiver_.Close();  // else Stop reads the rest
+  if (options_.flush_at_stop && rec_) return;  // Stop reads the rest
+  receiver_.Close();
+  feeds_.Close();
 }
 
 bool SystemLogServer::BeginLoop() {
@@ -194,30 +202,30 @@ bool SystemLogServer::BeginLoop() {
 
 // False when the loop cannot go on.
 bool SystemLogServer::Turn() {
-  const LogReceiver::Event event = receiver_.Wait(wake_fd_, kTurnMs);
-  if (event == LogReceiver::Event::kFailure) {
+  // poll, not select: a descriptor may be above 1023; one of -1 is passed over
+  struct pollfd waits[] = {
+      {feeds_.fd(), POLLIN, 0}, {receiver_.fd(), POLLIN, 0}, {wake_fd_, POLLIN, 0}};
+  if (poll(waits, 3, kTurnMs) < 0) {
     error_ = StringHelper::Format("waiting for datagrams failed: %s", strerror(errno));
     BSP_LOG_ERROR(MOD_BSP, "select failed");
     return false;
   }
-  const bool is_skipped = event == LogReceiver::Event::kDatagram && !ReceiveTurn();
+  if (waits[0].revents != 0) ReceiveTurn(&feeds_);
+  const bool is_skipped = waits[1].revents != 0 && !ReceiveTurn(&receiver_);
   if (options_.on_turn) options_.on_turn();
   if (is_skipped && options_.datagrams_per_turn <= 1) return true;
 
   const int64_t now = TimeUtil::ClockSecond();
   if (pass_.IsDue(now)) RunPass(now);
-  if (options_.record_drops && now != drops_time_) {
-    drops_time_ = now;
-    RecordDrops();
-  }
+  if (now != drops_time_) LookAtDrops(now);
   rec_->Recycle();
   return true;
 }
 
 // Reads and handles what waits, as many as a turn may; false when the last one was skipped.
-bool SystemLogServer::ReceiveTurn() {
+bool SystemLogServer::ReceiveTurn(LogReceiver* receiver) {
   bool is_handled = false;
-  for (const LogReceiver::Datagram& datagram : receiver_.Receive()) {
+  for (const LogReceiver::Datagram& datagram : receiver->Receive()) {
     is_handled = HandleDatagram(datagram);
     if (is_handled) rec_->Recycle();
   }
@@ -251,30 +259,36 @@ bool SystemLogServer::HandleDatagram(const LogReceiver::Datagram& datagram) {
 // bounded.
 void SystemLogServer::Drain() {
   const int64_t end_ms = TimeUtil::ClockMillis() + kMostDrainMs;
+  // First that of the feeds: while the other is open, the kernel may choose it for either.
+  if (feeds_.IsOpen()) feeds_.Seal();
   const bool is_sealed = receiver_.IsOpen() && receiver_.Seal();
-  while (receiver_.IsOpen() && (is_sealed || TimeUtil::ClockMillis() < end_ms) &&
-         receiver_.Wait(-1, 0) == LogReceiver::Event::kDatagram) {
-    ReceiveTurn();
+  for (LogReceiver* receiver : {&feeds_, &receiver_}) {
+    while ((is_sealed || TimeUtil::ClockMillis() < end_ms) && receiver->HasWaiting()) {
+      ReceiveTurn(receiver);
+    }
   }
-  if (options_.record_drops && receiver_.IsOpen()) RecordDrops();
+  LookAtDrops(TimeUtil::ClockSecond());
   rec_->Flush();
 }
 
 // Reads what waited when a verdict was due, so that no feed stands unread before it. Bounded, since
 // senders may go on: more than the largest receive buffer holds.
-void SystemLogServer::ReadWaiting() {
+void SystemLogServer::ReadWaiting(LogReceiver* receiver) {
   int left = kMostWaiting;
-  while (left > 0 && receiver_.Wait(-1, 0) == LogReceiver::Event::kDatagram) {
-    ReceiveTurn();
+  while (left > 0 && receiver->HasWaiting()) {
+    ReceiveTurn(receiver);
     left -= std::max(options_.datagrams_per_turn, 1);
   }
 }
 
 void SystemLogServer::RunPass(int64_t now) {
-  if (options_.fair_verdicts) ReadWaiting();
-
+  if (options_.fair_verdicts) {
+    ReadWaiting(feeds_.IsOpen() ? &feeds_ : &receiver_);
+    LookAtDrops(now);
+  }
   if (pass_.Enter(now)) {
-    const std::vector<LateModule> late = wdg_->Check();
+    std::vector<LateModule> late = wdg_->Check();
+    TellSpared(pass_.Spare(&late, now));
     TellLate(late);
     is_anyone_late_ = !late.empty();
   } else {
@@ -299,13 +313,27 @@ void SystemLogServer::TellLate(const std::vector<LateModule>& late) {
   }
 }
 
-void SystemLogServer::RecordDrops() {
-  const uint32_t drops = receiver_.CountDrops();
-  if (drops == drops_) return;
-  RecordOwn(
-      BSP_LEVEL_WARN,
-      StringHelper::Format("%u log datagrams lost, the receive buffer was full", drops - drops_));
-  drops_ = drops;
+void SystemLogServer::TellSpared(const std::vector<LateModule>& spared) {
+  if (spared.empty()) return;
+  const std::string text =
+      "mod " + LateText(spared) + "not judged, their feeds may be among the datagrams lost";
+  RecordOwn(BSP_LEVEL_WARN, text);
+  BSP_LOG_WARN(MOD_BSP, "%s", text.c_str());
+}
+
+// The kernel's counts, of which the differences hold modulo 2^32.
+void SystemLogServer::LookAtDrops(int64_t now) {
+  drops_time_ = now;
+  if (!receiver_.IsOpen()) return;
+  const uint32_t of_records = receiver_.CountDrops() - drops_;
+  const uint32_t of_feeds = feeds_.IsOpen() ? feeds_.CountDrops() - feed_drops_ : 0;
+  drops_ += of_records;
+  feed_drops_ += of_feeds;
+  if ((feeds_.IsOpen() ? of_feeds : of_records) != 0) pass_.NoteLostFeeds(now);
+  if (!options_.record_drops || of_records + of_feeds == 0) return;
+  RecordOwn(BSP_LEVEL_WARN,
+            StringHelper::Format("%u log datagrams lost, the receive buffer was full",
+                                 of_records + of_feeds));
 }
 
 // ---- Records

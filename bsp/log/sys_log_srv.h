@@ -47,6 +47,11 @@ struct LogSrvOptions {
   // Datagrams that the kernel dropped become a row of type 2, level 4, at most one a second.
   bool record_drops = false;
 
+  // Watchdog feeds get a receive buffer of their own (as large as receive_buffer_bytes says), so
+  // that no flood of records pushes them out, and are read first. A warning tells when the kernel
+  // cannot.
+  bool separate_feeds = false;
+
   // A module is judged only on evidence. A pass that itself comes late, by more than a second,
   // judges nobody, and the next one does; what waits in the socket is read before any verdict.
   // Until then the device is fed as after the last verdict.
@@ -123,12 +128,13 @@ class BSP_EXPORT SystemLogServer : public SysLog {
 
   bool BeginLoop();
   bool Turn();
-  bool ReceiveTurn();
+  bool ReceiveTurn(LogReceiver* receiver);
   bool HandleDatagram(const LogReceiver::Datagram& datagram);
-  void ReadWaiting();
+  void ReadWaiting(LogReceiver* receiver);
   void RunPass(int64_t now);
   void TellLate(const std::vector<LateModule>& late);
-  void RecordDrops();
+  void TellSpared(const std::vector<LateModule>& spared);
+  void LookAtDrops(int64_t now);
   void Drain();
   void Search();
   void RecordLate(const std::string& text);
@@ -141,12 +147,14 @@ class BSP_EXPORT SystemLogServer : public SysLog {
 
   const LogSrvOptions options_;
   LogReceiver receiver_;
+  LogReceiver feeds_;  // open with separate_feeds
   std::string error_;
   int wake_fd_ = -1;  // readable once Stop has been called
   WatchdogPass pass_;
   bool is_anyone_late_ = false;  // by the last verdict
   int64_t drops_time_ = 0;       // ClockSecond of the last look at the drops
-  uint32_t drops_ = 0;           // drops told so far
+  uint32_t drops_ = 0;           // drops of records seen so far
+  uint32_t feed_drops_ = 0;      // and of feeds
   bool has_refused_ = false;     // a foreign sender has been told of
 
   std::mutex loop_mutex_;  // guards the two below
