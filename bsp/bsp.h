@@ -98,8 +98,19 @@ BSP_EXPORT int log_init(int argc, char** argv, int no_client);
 BSP_EXPORT void log_deinit(void);
 
 // 1 while the module runs, also without a client; 0 once its record says otherwise: the log server
-// has started after the module, or registered it itself from its configuration. Any thread.
+// has cleared it at its start, or registered it itself from its configuration. After a clearing the
+// next feed registers the module again, with its time-out and levels. Any thread.
 BSP_EXPORT int mod_is_running(void);
+
+// Lets the watchdog wait `seconds`, at least 1, for each feed of this module, from now on: 20
+// without it, or 60 for a module of the server's configuration. It checks every 5 s. 0; -1, with a
+// line, for another number; -1 without a registered client. Any thread.
+BSP_EXPORT int log_set_timeout(int seconds);
+
+// The module ends in order: nobody waits for its feeds any more, and none are sent. Its record is
+// free then, unless another process of its name runs. Call it before log_deinit; a module that ends
+// without it becomes late. 0, or -1 without a registered client. Any thread.
+BSP_EXPORT int log_retire(void);
 
 // Prints one line on standard output when `level` is at or below the threshold of the tag `module`;
 // at most 1022 characters of the text. Any thread. A filtered call formats nothing. A null format

@@ -117,7 +117,7 @@ TEST(Logd, StartOrder) {
   for (const bool is_again : {false, true}) {
     ASSERT_EQ(log_init_v2(6, "early", 0), 0);
     BSP_CONTROL(1, "goes to nobody the first time");
-    if (!is_again) logd = StartLogd(dir);
+    if (!is_again) logd = StartLogd(dir, {"--no-adopt"});
     BSP_CONTROL(1, "stored");
     EXPECT_EQ(mod_is_running(), is_again ? 1 : 0);
     EXPECT_EQ(g_log->GetLogLevel("early"), is_again ? 6 : 0);
@@ -134,6 +134,39 @@ TEST(Logd, StartOrder) {
   EndLogd(&logd);
   EXPECT_EQ(Number(dir, "count(*) FROM tbl_ctrl_log"), 3);
   EXPECT_EQ(Number(dir, "count(*) FROM tbl_sys_log"), 1);
+}
+
+// A server that was killed finds its modules again, and they it: records, levels, time-outs and
+// feeds go on, a row says so, and what no module can have left is freed. A start that fails changes
+// nothing.
+TEST(Logd, TakesTheBlockOver) {
+  NEED_PRIVATE_WORLD();
+  const std::string dir = MakeDir("[watchdog]\nmodule_0 = configured\n");
+  Child logd = StartLogd(dir, {"--no-adopt"});
+  ASSERT_EQ(log_init_v2(5, "kept", 0), 0);
+  Block block;
+  bsp::ModSta* kept = &block->mods[1];
+  strcpy(block->mods[2].mod_name, "damaged");  // without a time-out
+  logd.Signal(SIGKILL);
+  logd.Wait();
+  bsp::StoreWord(kept->feed_time, int64_t{-1000});
+  const bsp::SystemStatus before = *block.ptr();
+  EXPECT_EQ(RunLogd(MakeDir("log_db_file = /mnt\n")).Wait(), 1);
+  EXPECT_EQ(memcmp(block.ptr(), &before, sizeof before), 0);
+
+  logd = StartLogd(dir);
+  EXPECT_EQ(mod_is_running(), 1);
+  EXPECT_EQ(g_log->GetLogLevel("kept"), 5);
+  EXPECT_GT(bsp::LoadWord(kept->feed_time), 0);
+  BSP_FEED_DOG();
+  while (bsp::LoadWord(kept->feed_cnt) == 0) bsp::TimeUtil::SleepMs(5);
+  EXPECT_EQ(bsp::NameOf(block->mods[2].mod_name), "");
+  log_deinit();
+  EndLogd(&logd);
+  EXPECT_EQ(Number(dir,
+                   "count(*) FROM tbl_sys_log WHERE level = 5 AND log LIKE "
+                   "'%2 modules taken over, 1 damaged records freed'"),
+            1);
 }
 
 // Every failure to start ends with 1 and a line that names the thing and the fault; wrong usage

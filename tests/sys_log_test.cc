@@ -167,8 +167,44 @@ TEST(LogClient, RecordsOnTheWire) {
     memset(own.mod_name, 'x', sizeof own.mod_name);
     memset(block->mods[0].mod_name, byte, 32);
     log_send_msg(&own);
-    expect_next(LOG_TYPE_SEARCH, 0, 6, 0, 0, std::string(byte == '\0' ? 0 : 31, 'g'), "");
+    expect_next(LOG_TYPE_SEARCH, 0, 6, 0, 0, "", "");  // not the module's own
   }
+  log_deinit();
+  SystemLogClient stock;
+  ASSERT_TRUE(stock.Start("wire"));
+  memset(block->mods[0].mod_name, 'g', 32);
+  stock.LogMsgProc("", "", 0, &own);
+  expect_next(LOG_TYPE_SEARCH, 0, 6, 0, 0, std::string(31, 'g'), "");
+}
+
+// A module whose record the server has cleared, and another one taken, neither reads nor feeds the
+// stranger's. Its next feed registers it again with its time-out, levels and tags; so it does where
+// the server itself has registered the name.
+TEST(LogClient, RegistersAgain) {
+  NEED_PRIVATE_WORLD();
+  Block block;
+  bsp::LogSrvCfg cfg;
+  ASSERT_EQ(log_init_v2(5, "mine", 0), 0);
+  EXPECT_EQ(log_set_timeout(0), -1);
+  EXPECT_EQ(log_set_timeout(7), 0);
+  EXPECT_EQ(g_log->GetLogLevel("A"), 5);
+  bsp::StoreWord(block->mods[0].logs[1].log_level, 3);  // of A
+  BSP_FEED_DOG();
+  SysWdg(cfg).Init(block.ptr());
+  SystemLogClient other;
+  ASSERT_TRUE(other.Start("other"));
+  EXPECT_EQ(mod_is_running(), 0);
+  BSP_FEED_DOG();
+  EXPECT_EQ(mod_is_running(), 1);
+  EXPECT_EQ(Told(block->mods[0]), "other 1 0 20 0  6");
+  EXPECT_EQ(Told(block->mods[1]), "mine 1 0 7 5 A 6");
+  EXPECT_EQ(g_log->GetLogLevel("A"), 3);
+  cfg.modules[0] = "mine";
+  SysWdg(cfg).Init(block.ptr());
+  BSP_FEED_DOG();
+  EXPECT_EQ(Told(block->mods[0]), "mine 0 0 7 5 A 6");
+  EXPECT_EQ(g_log->GetLogLevel("A"), 3);
+  EXPECT_EQ(g_log->GetLogLevel("mine"), 5);
   log_deinit();
 }
 

@@ -33,6 +33,7 @@ struct Settings {
   std::string dir = ".";
   std::string watchdog_device;
   bool is_stock = false;
+  bool adopts = true;
   int log_level = BSP_LEVEL_INFO;
 };
 
@@ -51,15 +52,19 @@ void AddOptions(CLI::App* app, Settings* settings) {
          "the end, the system's receive buffer, datagrams from anywhere, a log that waits for "
          "its reader")
       ->excludes(watchdog);
+  app->add_flag("--adopt,!--no-adopt", settings->adopts,
+                "take over the status block of a server that died, so that running modules go on "
+                "(default); with --no-adopt it is cleared");
   app->add_option("--log-level", settings->log_level, "0 (emerg) to 7 (debug), on standard error")
       ->capture_default_str()
       ->check(CLI::Range(0, 7));
-  app->footer("Modules must start after it: its start clears the block in which they register.");
+  app->footer("Start it before the modules: what they log before is lost.");
 }
 
 bsp::LogSrvOptions ServerOptions(const Settings& settings) {
   bsp::LogSrvOptions options;
   if (settings.is_stock) return options;
+  options.adopt_block = settings.adopts;
   options.flush_at_stop = true;
   options.bind_at_start = true;
   options.receive_buffer_bytes = kReceiveBufferBytes;

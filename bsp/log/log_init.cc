@@ -51,8 +51,10 @@ int LevelFromCommandLine(int argc, char** argv) {
 }
 
 int StartClient(int level, const char* name) {
+  bsp::LogClientOptions options;
+  options.keep_registered = true;
   log_deinit();  // a client whose start failed, when the host tries again
-  g_log = new (std::nothrow) bsp::SystemLogClient;
+  g_log = new (std::nothrow) bsp::SystemLogClient(options);
   if (g_log == nullptr) {
     puts("create log failed");
     return 0;
@@ -105,5 +107,9 @@ void log_deinit() {
 void log_send_msg(BspLogMsg* msg) {
   if (g_log != nullptr) g_log->LogMsgProc("", "", 0, msg);
 }
+
+int log_retire() { return g_log != nullptr && g_log->Retire() ? 0 : -1; }
+
+int log_set_timeout(int seconds) { return g_log != nullptr && g_log->SetTimeout(seconds) ? 0 : -1; }
 
 int mod_is_running() { return g_log == nullptr ? 1 : g_log->IsRunning(); }

@@ -54,9 +54,10 @@ void HoldModule(int index) { AddHolder(index, 1); }
 
 void ReleaseModule(int index) { AddHolder(index, -1); }
 
-void ForgetHolders() {
+// With what the processes would give back at their ends.
+void ForgetHolders(int index) {
   const int set = FindSet(0);
-  for (int i = 0; set != -1 && i < kMaxModules; ++i) semctl(set, kFirstHolders + i, SETVAL, 0);
+  if (set != -1) semctl(set, kFirstHolders + index, SETVAL, 0);
 }
 
 int CountHolders(int index) {

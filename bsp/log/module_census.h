@@ -38,8 +38,8 @@ class RegistrationLock {
 void HoldModule(int index);
 void ReleaseModule(int index);
 
-// Nobody holds any record.
-void ForgetHolders();
+// Nobody holds the record any more.
+void ForgetHolders(int index);
 
 // How many processes hold the record; -1 when that is unknown, as without a set.
 BSP_EXPORT int CountHolders(int index);

@@ -55,13 +55,6 @@ static_assert((offsetof(SystemStatus, mods) + offsetof(ModSta, mod_name)) % size
                   sizeof(ModSta) % sizeof(NameWord) == 0,
               "each mod_name begins at an aligned word");
 
-// Whether this word of the block begins a mod_name.
-bool IsFirstNameWord(size_t word) {
-  const size_t offset = word * sizeof(NameWord);
-  return offset >= offsetof(SystemStatus, mods) &&
-         (offset - offsetof(SystemStatus, mods)) % sizeof(ModSta) == offsetof(ModSta, mod_name);
-}
-
 NameWord* NameWords(ModSta* mod) { return reinterpret_cast<NameWord*>(mod->mod_name); }
 
 uint64_t OwnMark() {
@@ -70,6 +63,31 @@ uint64_t OwnMark() {
   memcpy(&mark, kClaimMark, sizeof kClaimMark);
   memcpy(reinterpret_cast<char*>(&mark) + sizeof kClaimMark, &pid, sizeof pid);
   return mark;
+}
+
+// How much of a name stands in the block.
+size_t StoredLength(const std::string& name) {
+  return std::min(strlen(name.c_str()), kMostNameChars);
+}
+
+// Whether this is the name as the block stores it. On the road of every record, so without heap.
+bool Holds(const char (&field)[32], const std::string& name) {
+  char stored[33];
+  const size_t length = CopyName(field, stored);
+  return length == StoredLength(name) && memcmp(stored, name.c_str(), length) == 0;
+}
+
+bool IsLevel(int32_t level) { return level >= BSP_LEVEL_EMERG && level <= BSP_LEVEL_DEBUG; }
+
+// Whether a module can have left the record so.
+bool IsSound(const ModSta& mod) {
+  for (const LogModSta& slot : mod.logs) {
+    if (!IsLevel(LoadWord(slot.log_level)) || NameOf(slot.log_name).size() > kMostNameChars) {
+      return false;
+    }
+  }
+  return NameOf(mod.mod_name).size() <= kMostNameChars && IsLevel(LoadWord(mod.log_level)) &&
+         LoadWord(mod.timeout) > 0;
 }
 
 bool IsTaken(uint64_t first) { return *reinterpret_cast<const char*>(&first) != '\0'; }
@@ -94,7 +112,7 @@ bool Reserve(ModSta* mod, uint64_t mark) {
 // release pairs with the acquire in CopyName.
 bool Publish(ModSta* mod, uint64_t mark, const std::string& name) {
   uint64_t words[kNameWords] = {};
-  memcpy(words, name.c_str(), std::min(strlen(name.c_str()), kMostNameChars));
+  memcpy(words, name.c_str(), StoredLength(name));
   for (size_t i = 1; i < kNameWords; ++i) StoreWord(NameWords(mod)[i], words[i]);
   return __atomic_compare_exchange_n(NameWords(mod), &mark, words[0], false, __ATOMIC_RELEASE,
                                      __ATOMIC_RELAXED);
@@ -121,6 +139,24 @@ int Claim(SystemStatus* sta, const std::string& name, const ModuleStart& start) 
     if (Publish(&sta->mods[i], mark, name)) return i;
   }
   return -1;
+}
+
+// Zeroes records so that no claim of theirs goes through meanwhile: see the top.
+void ZeroRecords(SystemStatus* sta, int begin, int end) {
+  const size_t first_name_word = offsetof(ModSta, mod_name) / sizeof(NameWord);
+  for (int i = begin; i < end; ++i) {
+    // The acquire half keeps the zeroing behind it; pairs with the release in Publish.
+    __atomic_exchange_n(&NameWords(&sta->mods[i])[0], OwnMark(), __ATOMIC_ACQ_REL);
+  }
+  for (int i = begin; i < end; ++i) {
+    NameWord* words = reinterpret_cast<NameWord*>(&sta->mods[i]);
+    for (size_t word = 0; word < sizeof(ModSta) / sizeof(NameWord); ++word) {
+      if (word != first_name_word) StoreWord(words[word], uint64_t{0});
+    }
+  }
+  for (int i = begin; i < end; ++i) {
+    __atomic_store_n(&NameWords(&sta->mods[i])[0], 0, __ATOMIC_RELEASE);
+  }
 }
 
 }  // namespace
@@ -157,6 +193,8 @@ Registration RegisterModule(SystemStatus* sta, const std::string& name, const Mo
   return known != -1 ? Registration{known, true} : Registration{Claim(sta, name, start), false};
 }
 
+bool IsRecordOf(const ModSta& mod, const std::string& name) { return Holds(mod.mod_name, name); }
+
 void RenewModule(ModSta* mod) {
   StoreWord(mod->feed_cnt, 1);
   StoreWord(mod->feed_time, TimeUtil::ClockSecond());
@@ -170,9 +208,26 @@ void ResetTagSlots(ModSta* mod) {
   }
 }
 
+bool IsSlotOf(const LogModSta& slot, const std::string& tag) { return Holds(slot.log_name, tag); }
+
+LogModSta* FindSlot(ModSta* mod, const std::string& tag) {
+  if (tag.empty()) return nullptr;
+  for (LogModSta& slot : mod->logs) {
+    if (IsSlotOf(slot, tag)) return &slot;
+  }
+  return FindFreeSlot(mod);
+}
+
+LogModSta* FindFreeSlot(ModSta* mod) {
+  for (LogModSta& slot : mod->logs) {
+    if (LoadWord(slot.log_name[0]) == '\0') return &slot;
+  }
+  return nullptr;
+}
+
 void SetTagName(LogModSta* slot, const std::string& tag) {
   char name[kNameSize] = {};
-  memcpy(name, tag.c_str(), std::min(strlen(tag.c_str()), kMostNameChars));
+  memcpy(name, tag.c_str(), StoredLength(tag));
   for (size_t i = kNameSize; --i > 0;) StoreWord(slot->log_name[i], name[i]);
   // Last, pairs with the acquire in CopyName: who sees the slot taken sees its whole name.
   __atomic_store_n(&slot->log_name[0], name[0], __ATOMIC_RELEASE);
@@ -183,18 +238,42 @@ void SetModuleLevel(ModSta* mod, int32_t level) {
   for (LogModSta& slot : mod->logs) StoreWord(slot.log_level, level);
 }
 
+void FreeModule(SystemStatus* sta, int index, const std::string& name) {
+  const RegistrationLock lock;
+  if (!IsRecordOf(sta->mods[index], name)) return;
+  if (CountHolders(index) <= 0) ZeroRecords(sta, index, index + 1);
+}
+
+Adoption AdoptBlock(SystemStatus* sta) {
+  const RegistrationLock lock;
+  const uint32_t magic = LoadWord(sta->magic);
+  if (magic != kLogMagic && magic != 0) return {false, 0, 0};
+  Adoption found = {true, 0, 0};
+  for (int i = 0; i < kMaxModules; ++i) {
+    ModSta& mod = sta->mods[i];
+    if (!IsTaken(LoadWord(NameWords(&mod)[0]))) continue;
+    if (!IsSound(mod)) {
+      ZeroRecords(sta, i, i + 1);
+      ForgetHolders(i);
+      ++found.damaged;
+      continue;
+    }
+    StoreWord(mod.feed_cnt, 0);
+    StoreWord(mod.feed_time, TimeUtil::ClockSecond());
+    ++found.modules;
+  }
+  // What somebody has switched off stays off.
+  if (magic == 0) StoreWord(sta->wdg_enable, 1);
+  StoreWord(sta->magic, kLogMagic);
+  return found;
+}
+
 void ClearBlock(SystemStatus* sta) {
   const RegistrationLock lock;
-  for (ModSta& mod : sta->mods) {
-    // The acquire half keeps the zeroing behind it; pairs with the release in Publish.
-    __atomic_exchange_n(&NameWords(&mod)[0], OwnMark(), __ATOMIC_ACQ_REL);
-  }
-  NameWord* words = reinterpret_cast<NameWord*>(sta);
-  for (size_t i = 0; i < sizeof *sta / sizeof *words; ++i) {
-    if (!IsFirstNameWord(i)) StoreWord(words[i], uint64_t{0});
-  }
-  for (ModSta& mod : sta->mods) __atomic_store_n(&NameWords(&mod)[0], 0, __ATOMIC_RELEASE);
-  ForgetHolders();
+  StoreWord(sta->magic, 0u);
+  StoreWord(sta->wdg_enable, 0);
+  ZeroRecords(sta, 0, kMaxModules);
+  for (int i = 0; i < kMaxModules; ++i) ForgetHolders(i);
 }
 
 }  // namespace bsp

@@ -53,17 +53,42 @@ struct Registration {
 // the same moment, each name gets one record and each record one name.
 Registration RegisterModule(SystemStatus* sta, const std::string& name, const ModuleStart& start);
 
+// Whether the record belongs to the module of this name, as the block stores it.
+bool IsRecordOf(const ModSta& mod, const std::string& name);
+
 // The module of this record has come up again: one feed, just now.
 void RenewModule(ModSta* mod);
 
 // Empties all 32 tag slots, each with level 6.
 void ResetTagSlots(ModSta* mod);
 
+// The slot that has this tag, stored cut to 30 characters; else the first free one; null when there
+// is neither. An empty tag has none.
+LogModSta* FindSlot(ModSta* mod, const std::string& tag);
+LogModSta* FindFreeSlot(ModSta* mod);
+
+bool IsSlotOf(const LogModSta& slot, const std::string& tag);
+
 // Names the slot, cut to 30 characters.
 void SetTagName(LogModSta* slot, const std::string& tag);
 
 // Sets the threshold of the module and of all its tags, free slots included. `level` is 0 to 7.
 BSP_EXPORT void SetModuleLevel(ModSta* mod, int32_t level);
+
+// Frees the record of this name, unless a process holds it. A record that has another name by now
+// is left alone.
+void FreeModule(SystemStatus* sta, int index, const std::string& name);
+
+// What AdoptBlock has found.
+struct Adoption {
+  bool is_valid;  // else nothing was changed
+  int modules;    // taken over
+  int damaged;    // records that no module can have left, and that are free now
+};
+
+// Takes over a block that others have set up or registered in: each record stays as it is, but with
+// a fresh window. Not valid with another magic than ours or 0.
+Adoption AdoptBlock(SystemStatus* sta);
 
 // Zeroes the block: what modules registered before is gone. A registration that it overtakes starts
 // over.

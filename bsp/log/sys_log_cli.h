@@ -2,6 +2,9 @@
 #ifndef BSP_LOG_SYS_LOG_CLI_H_
 #define BSP_LOG_SYS_LOG_CLI_H_
 
+#include <sys/types.h>
+
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -43,6 +46,15 @@ class BSP_EXPORT SysLog {
   StatusBlockHandle shm_;
 };
 
+// What goes beyond the stock behaviour; off by default, on in the client of log_init.
+struct LogClientOptions {
+  // Where the record is not the module's own any more, since the log server has cleared the block
+  // and perhaps another module has taken it, `running` reads 0 and records travel without a name,
+  // rather than the stranger's; the next feed registers the module again, with its time-out, its
+  // levels and its tags. Without a feed nothing does: a module that does not feed must not be late.
+  bool keep_registered = false;
+};
+
 // Registers the process as a module in the status block, keeps the thresholds of its log tags there
 // and sends its records to the log server. Hosts use it through log_init and its sisters in
 // bsp/bsp.h; g_log owns the one client of a process.
@@ -52,7 +64,7 @@ class BSP_EXPORT SysLog {
 // itself is what is being set up.
 class BSP_EXPORT SystemLogClient : public SysLog {
  public:
-  SystemLogClient();
+  explicit SystemLogClient(const LogClientOptions& options = LogClientOptions());
   ~SystemLogClient() override;
 
   // Attaches, registers the module and makes the socket. False, with a line, when a step fails;
@@ -85,6 +97,15 @@ class BSP_EXPORT SystemLogClient : public SysLog {
   // GetLogLevel has met it before.
   const int32_t* FindLevel(const char* literal) const { return tag_index_.FindLiteral(literal); }
 
+  // Seconds, at least 1, that the watchdog lets pass without a feed, from now on. False, with a
+  // line, when the number is none or no record is held.
+  bool SetTimeout(int seconds);
+
+  // The module ends in order: its record is free, unless another process holds it too, and nobody
+  // misses its feeds. Records still travel, without a name, feeds do not. False when no record is
+  // held.
+  bool Retire();
+
   // 1 while no record is held, else the record's `running`.
   int IsRunning();
 
@@ -93,16 +114,37 @@ class BSP_EXPORT SystemLogClient : public SysLog {
   void LogMsgProc(const char* file, const char* func, int line, LogMsg* msg);
 
  private:
+  struct Tag {
+    LogModSta* slot;  // null: none was free
+    int32_t level;    // at the last feed
+  };
+
   int RegisterOnFirstUse(const char* tag) noexcept;
   void TakeSlot(const std::string& tag);
   void EnterTag(const std::string& tag, LogModSta* slot);
+  bool IsOwn(const ModSta& mod) const;
+  void NameSender(LogMsg* msg) const;
+  void KeepRecord() noexcept;
+  ModSta* RegisterAgain();
+  void RestoreTags(ModSta* mod, bool is_new);
+  void NoteLevels(const ModSta& mod);
+  void Hold(ModSta* mod);
+  void Release(const ModSta& mod) const;
 
-  std::mutex mutex_;  // guards log_mods_ and the writing of tag_index_
+  const LogClientOptions options_;
   std::shared_ptr<Socket> hdl_;
   SocketAddress to_addr_;
-  ModSta* cur_sta_ptr_ = nullptr;               // null until registered; set before hdl_ opens
-  std::map<std::string, LogModSta*> log_mods_;  // null: a tag without a slot
-  LogTagIndex tag_index_;                       // the same for readers without a lock
+  std::atomic<ModSta*> cur_sta_ptr_{nullptr};  // null until registered; set before hdl_ opens
+  std::atomic<bool> is_retired_{false};
+
+  std::mutex mutex_;  // guards the fields below, of the index the writing alone
+  std::map<std::string, Tag> log_mods_;
+  LogTagIndex tag_index_;      // the slots for readers without a lock
+  int32_t slotless_level_;     // of tags without a slot
+  int32_t kept_level_ = 0;     // of the module, at the last feed
+  int32_t kept_timeout_ = 0;   // the same
+  int32_t asked_timeout_ = 0;  // by SetTimeout; 0: it was not called
+  pid_t holder_ = 0;           // the process that holds the record
 };
 
 }  // namespace bsp

@@ -69,8 +69,17 @@ bool SystemLogServer::Start(const std::string& name) {
     return false;
   }
   SysLogMsgRec(std::string("System start ...") + TimeUtil::TimeMillisStr());
+  TellAdopted();
   running_ = true;
   return true;
+}
+
+void SystemLogServer::TellAdopted() {
+  if (adopted_.modules + adopted_.damaged == 0) return;
+  const std::string text = StringHelper::Format("%d modules taken over, %d damaged records freed",
+                                                adopted_.modules, adopted_.damaged);
+  RecordOwn(BSP_LEVEL_NOTICE, text);
+  BSP_LOG_NOTICE(MOD_BSP, "%s", text.c_str());
 }
 
 // What can fail without a trace comes first: the block and the store are not touched then.
@@ -82,6 +91,11 @@ bool SystemLogServer::Open(const std::string& name) {
   if (wake_fd_ == -1) return Fail(StringHelper::Format("eventfd failed: %s", strerror(errno)));
   if (options_.bind_at_start && !OpenReceiver()) return false;
 
+  if (options_.adopt_block) return OpenStore() && OpenBlock(name);
+  return OpenBlock(name) && OpenStore();
+}
+
+bool SystemLogServer::OpenBlock(const std::string& name) {
   if (!SysLog::Start(name)) {
     BSP_LOG_ERROR(MOD_BSP, "SysLog start failed.");
     const std::string owner = shmc::impl::SVIPCShmAlloc<false>::DescribeOwner(kSystemStatusName);
@@ -89,16 +103,19 @@ bool SystemLogServer::Open(const std::string& name) {
         StringHelper::Format("cannot attach the status block %s; %s", kSystemStatusName,
                              owner.empty() ? "no such segment could be made" : owner.c_str()));
   }
-  if (!wdg_->Init(sta_ptr_)) {
-    BSP_LOG_ERROR(MOD_BSP, "watchdog init failed.");
-    return Fail("watchdog init failed");
+  adopted_ = {false, 0, 0};
+  if (options_.adopt_block ? wdg_->InitAdopted(sta_ptr_, &adopted_) : wdg_->Init(sta_ptr_)) {
+    return true;
   }
+  BSP_LOG_ERROR(MOD_BSP, "watchdog init failed.");
+  return Fail("watchdog init failed");
+}
+
+bool SystemLogServer::OpenStore() {
   rec_ = std::make_unique<SysLogRec>(cfg_, options_.database);
-  if (!rec_->Init(cfg_.log_db_file)) {
-    BSP_LOG_ERROR(MOD_BSP, "log rec init failed.");
-    return Fail("log store: " + FirstLine(rec_->InitError()->Message()));
-  }
-  return true;
+  if (rec_->Init(cfg_.log_db_file)) return true;
+  BSP_LOG_ERROR(MOD_BSP, "log rec init failed.");
+  return Fail("log store: " + FirstLine(rec_->InitError()->Message()));
 }
 
 bool SystemLogServer::OpenReceiver() {
@@ -291,6 +308,7 @@ void SystemLogServer::RunPass(int64_t now) {
     TellSpared(pass_.Spare(&late, now));
     TellLate(late);
     is_anyone_late_ = !late.empty();
+    if (options_.fair_verdicts) TellEmpty();
   } else {
     BSP_LOG_WARN(MOD_BSP, "the watchdog pass came late, the next one judges the modules");
   }
@@ -311,6 +329,15 @@ void SystemLogServer::TellLate(const std::vector<LateModule>& late) {
   } else {
     TimeOutProc(text);
   }
+}
+
+// A device that runs on with none of its modules is fed as one whose modules are all well.
+void SystemLogServer::TellEmpty() {
+  const bool is_empty = wdg_->CountModules() == 0;
+  if (is_empty && !is_empty_told_) {
+    BSP_LOG_WARN(MOD_BSP, "nothing is watched: no module has registered");
+  }
+  is_empty_told_ = is_empty;
 }
 
 void SystemLogServer::TellSpared(const std::vector<LateModule>& spared) {

@@ -27,6 +27,11 @@ constexpr const char kLogSrvCfgFile[] = "./com_srv_app.ini";
 
 // What goes beyond the stock behaviour; all off by default.
 struct LogSrvOptions {
+  // Start takes over a sound status block instead of clearing it: modules that run keep their
+  // records, levels and feeds, each with a fresh window, and a row says how many they are. The
+  // store is opened first, so that a Start that fails changes nothing in the block.
+  bool adopt_block = false;
+
   // Stop lets no more datagrams in, stores those that have reached the socket and commits the open
   // batch: it loses no row.
   bool flush_at_stop = false;
@@ -86,9 +91,9 @@ class BSP_EXPORT SystemLogServer : public SysLog {
   explicit SystemLogServer(LogSrvOptions options = LogSrvOptions());
   ~SystemLogServer() override;
 
-  // Reads the configuration, clears the status block and registers the configured modules, opens
-  // the store and writes the row that marks the start. False, with all undone and the reason in
-  // error(), on failure. Throws what InitLogCfg throws.
+  // Reads the configuration, clears the status block (but see adopt_block) and registers the
+  // configured modules, opens the store and writes the row that marks the start. False, with all
+  // undone and the reason in error(), on failure. Throws what InitLogCfg throws.
   bool Start(const std::string& name) override;
 
   // Ends the loop, returns when it has left, and closes everything.
@@ -123,6 +128,8 @@ class BSP_EXPORT SystemLogServer : public SysLog {
 
   bool Open(const std::string& name);
   bool OpenReceiver();
+  bool OpenBlock(const std::string& name);
+  bool OpenStore();
   bool Fail(const std::string& why);
   void TearDown();
 
@@ -133,6 +140,8 @@ class BSP_EXPORT SystemLogServer : public SysLog {
   void ReadWaiting(LogReceiver* receiver);
   void RunPass(int64_t now);
   void TellLate(const std::vector<LateModule>& late);
+  void TellAdopted();
+  void TellEmpty();
   void TellSpared(const std::vector<LateModule>& spared);
   void LookAtDrops(int64_t now);
   void Drain();
@@ -151,6 +160,8 @@ class BSP_EXPORT SystemLogServer : public SysLog {
   std::string error_;
   int wake_fd_ = -1;  // readable once Stop has been called
   WatchdogPass pass_;
+  Adoption adopted_ = {false, 0, 0};
+  bool is_empty_told_ = false;   // that no module is watched
   bool is_anyone_late_ = false;  // by the last verdict
   int64_t drops_time_ = 0;       // ClockSecond of the last look at the drops
   uint32_t drops_ = 0;           // drops of records seen so far

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -59,12 +60,32 @@ bool SysWdg::InitDefaultModule() {
   ClearBlock(sta_ptr_);
   StoreWord(sta_ptr_->wdg_enable, 1);
   StoreWord(sta_ptr_->magic, kLogMagic);
+  RegisterConfigured();
+  return true;
+}
+
+bool SysWdg::InitAdopted(SystemStatus* sta, Adoption* found) {
+  if (sta != nullptr) *found = AdoptBlock(sta);
+  if (sta == nullptr || !found->is_valid) return Init(sta);
+  sta_ptr_ = sta;
+  RegisterConfigured();
+  InitDeviceWatchDog();
+  return true;
+}
+
+int SysWdg::CountModules() const {
+  const ModSta* mods = sta_ptr_->mods;
+  return static_cast<int>(std::count_if(mods, mods + kMaxModules, [](const ModSta& mod) {
+    return LoadWord(mod.mod_name[0]) != '\0';
+  }));
+}
+
+void SysWdg::RegisterConfigured() {
   for (const std::string& module : cfg_.modules) {
     if (!module.empty() && ModuleRegister(sta_ptr_, module) == nullptr) {
       BSP_LOG_ERROR(MOD_BSP, "register module %s failed.\n", module.c_str());
     }
   }
-  return true;
 }
 
 ModSta* SysWdg::ModuleRegister(SystemStatus* sta, const std::string& name) {

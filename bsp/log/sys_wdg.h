@@ -8,6 +8,7 @@
 
 #include "bsp/base/macros.h"
 #include "bsp/log/log_msg.h"
+#include "bsp/log/status_block.h"
 
 namespace bsp {
 
@@ -43,6 +44,13 @@ class BSP_EXPORT SysWdg {
 
   // Binds the block, clears it, registers the configured modules. False for a null pointer.
   bool Init(SystemStatus* sta);
+
+  // The same without clearing a block that is sound: see AdoptBlock. Configured modules that have
+  // no record yet are registered. *found tells what was taken over.
+  bool InitAdopted(SystemStatus* sta, Adoption* found);
+
+  // How many records have a name.
+  int CountModules() const;
 
   // Clears the block, so that what clients registered before is gone, and registers the configured
   // modules. One that finds no record is logged, and the others follow. False without a block.
@@ -81,6 +89,8 @@ class BSP_EXPORT SysWdg {
   bool ArmDeviceWatchDog(std::string* why);
 
  private:
+  void RegisterConfigured();
+
   LogSrvCfg& cfg_;
   int32_t dev_fd_ = -1;              // the armed device
   SystemStatus* sta_ptr_ = nullptr;  // null until Init
