@@ -11,7 +11,8 @@
 #include <utility>
 #include <vector>
 
-#include "bsp/bsp.h"
+#include "bsp/log/log.h"
+#include "bsp/log/status_block.h"
 #include "tests/support/child.h"
 #include "tests/support/servers.h"
 #include "tests/support/test_env.h"
@@ -166,6 +167,22 @@ TEST(BspCtl, StatusAndLevels) {
   const std::string table = Ctl("status").out;
   EXPECT_NE(table.find("3 error"), std::string::npos) << table;
   EXPECT_EQ(table.find('\033'), std::string::npos) << "colour into a pipe";
+
+  // A module that was killed is dead, one that retires is gone, and then nothing is watched.
+  module.Signal(SIGKILL);
+  module.Wait();
+  line = Json::parse(Ctl("status --json").out);
+  EXPECT_EQ(line["running"], false);
+  EXPECT_EQ(line["dead"], true);
+  {
+    bsp::StatusBlockHandle block;
+    ASSERT_TRUE(block.InitForWrite(bsp::kSystemStatusName, bsp::kSystemStatusSize, 0));
+    bsp::StoreWord(block->mods[0].feed_time, INT64_MIN);
+  }
+  EXPECT_EQ(Json::parse(Ctl("status --json").out)["age_s"], nullptr);
+  const auto restart = [] { return log_init_v2(6, "subject", 0) + log_retire(); };
+  EXPECT_EQ(Child::Fork(restart).Wait(), 0);
+  Fails("status", 1, "nothing is watched");
 
   server.Signal(SIGTERM);
   EXPECT_EQ(server.Wait(), 0) << server.output();

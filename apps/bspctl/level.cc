@@ -5,7 +5,7 @@
 #include "apps/bspctl/ctl.h"
 #include "apps/bspctl/status_block.h"
 #include "apps/bspctl/sysv.h"
-#include "bsp/shmc/shm_handle.h"
+#include "bsp/log/status_block.h"
 
 namespace ctl {
 namespace {
@@ -16,19 +16,10 @@ struct LevelRequest {
   std::string tag;  // empty: the module and all its tags
 };
 
-void Store(int32_t* word, int32_t value) { __atomic_store_n(word, value, __ATOMIC_RELAXED); }
-
-// As the module itself does it: the record's level and that of every slot, free ones too, so that
-// a tag used for the first time later begins with it.
-void SetModule(bsp::ModSta* record, int level) {
-  Store(&record->log_level, level);
-  for (bsp::LogModSta& slot : record->logs) Store(&slot.log_level, level);
-}
-
-bool SetTag(bsp::ModSta* record, const std::string& tag, int level) {
+bool SetTag(bsp::ModSta* record, const std::string& tag, int32_t level) {
   for (bsp::LogModSta& slot : record->logs) {
-    if (tag != std::string(slot.log_name, strnlen(slot.log_name, sizeof slot.log_name))) continue;
-    Store(&slot.log_level, level);
+    if (tag != bsp::NameOf(slot.log_name)) continue;
+    bsp::StoreWord(slot.log_level, level);
     return true;
   }
   return false;
@@ -59,7 +50,7 @@ int SetLevel(const LevelRequest& request, bool as_json) {
     return FailToAttach(kStatusKey, kNotRunning, "no status block: is bsp-logd running?");
   }
 
-  shmc::ShmHandle<bsp::SystemStatus, shmc::impl::SVIPCShmAlloc<false>> block;
+  bsp::StatusBlockHandle block;
   if (!block.InitForWrite(bsp::kSystemStatusName, bsp::kSystemStatusSize, 0)) {
     return FailToAttach(kStatusKey, kNotRunning, "the status block was removed this moment");
   }
@@ -67,7 +58,7 @@ int SetLevel(const LevelRequest& request, bool as_json) {
     if (module.name != request.module) continue;
     bsp::ModSta* record = &block.ptr()->mods[module.index];
     if (request.tag.empty()) {
-      SetModule(record, *level);
+      bsp::SetModuleLevel(record, *level);
     } else if (!SetTag(record, request.tag, *level)) {
       return Fail(kFailed, "module %s has no tag %s; it has: %s", request.module.c_str(),
                   request.tag.c_str(), TagNames(module).c_str());

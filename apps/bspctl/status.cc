@@ -15,13 +15,21 @@ constexpr const char* kHome = "\033[H\033[2J";
 Json ToJson(const ModuleView& module) {
   Json tags = Json::object();
   for (const TagView& tag : module.tags) tags[Readable(tag.name)] = tag.level;
-  return Json{{"module", Readable(module.name)},
-              {"running", module.is_running},
-              {"age_s", module.age_s},
-              {"timeout_s", module.timeout_s},
-              {"late", module.is_late},
-              {"level", module.level},
-              {"tags", tags}};
+  Json json = {{"module", Readable(module.name)},
+               {"running", module.is_running},
+               {"age_s", nullptr},
+               {"timeout_s", module.timeout_s},
+               {"late", module.is_late},
+               {"level", module.level},
+               {"tags", tags}};
+  if (module.age_s) json["age_s"] = *module.age_s;
+  if (module.is_dead) json["dead"] = true;
+  return json;
+}
+
+std::string RunningText(const ModuleView& module) {
+  if (module.is_dead) return Paint("dead", Colour::kRed);
+  return module.is_running ? "yes" : "no";
 }
 
 void PrintTable(const std::vector<ModuleView>& modules) {
@@ -31,8 +39,9 @@ void PrintTable(const std::vector<ModuleView>& modules) {
     for (const TagView& tag : module.tags) {
       tags += (tags.empty() ? "" : ", ") + Readable(tag.name) + "=" + std::to_string(tag.level);
     }
-    table.AddRow({Readable(module.name), module.is_running ? "yes" : "no",
-                  std::to_string(module.age_s) + " s ago", std::to_string(module.timeout_s) + " s",
+    table.AddRow({Readable(module.name), RunningText(module),
+                  module.age_s ? std::to_string(*module.age_s) + " s ago" : "unknown",
+                  std::to_string(module.timeout_s) + " s",
                   module.is_late ? Paint("LATE", Colour::kRed) : Paint("ok", Colour::kGreen),
                   LevelText(module.level), tags});
   }
@@ -42,16 +51,18 @@ void PrintTable(const std::vector<ModuleView>& modules) {
 int ShowOnce(bool as_json) {
   const auto modules = ReadModules();
   if (!modules) {
-    return FailToAttach(kStatusKey, kNotRunning,
-                        "no status block: is bsp-logd running? It must start before the modules");
+    return FailToAttach(kStatusKey, kNotRunning, "no status block: is bsp-logd running?");
   }
   if (as_json) {
     for (const ModuleView& module : *modules) PrintJson(ToJson(module));
-  } else {
+  } else if (!modules->empty()) {
     PrintTable(*modules);
   }
-  if (IsLogServerRunning()) return kDone;
-  return Fail(kNotRunning, "bsp-logd is not running: nothing counts the feeds shown here");
+  if (!IsLogServerRunning()) {
+    return Fail(kNotRunning, "bsp-logd is not running: nothing counts the feeds shown here");
+  }
+  if (!modules->empty()) return kDone;
+  return Fail(kFailed, "nothing is watched: no module has registered");
 }
 
 // Once a second until SIGINT or SIGTERM, which are awaited rather than caught.

@@ -1,40 +1,41 @@
 #include "apps/bspctl/status_block.h"
 
 #include <CLI/StringTools.hpp>
-#include <cstring>
 #include <fstream>
+#include <utility>
 
-#include "bsp/shmc/shm_handle.h"
+#include "bsp/log/module_census.h"
+#include "bsp/log/status_block.h"
+#include "bsp/log/sys_log_cli.h"
 #include "bsp/util/string_helper.h"
 #include "bsp/util/time_util.h"
 
 namespace ctl {
 namespace {
 
-constexpr int kLogPort = 12122;
+using bsp::LoadWord;
+
 constexpr const char* kLevelNames[] = {"emerg", "alert",  "crit", "error",
                                        "warn",  "notice", "info", "debug"};
 
-// A word of the block, which other processes write at any time.
-template <typename Word>
-Word Load(const Word& word) {
-  return __atomic_load_n(&word, __ATOMIC_RELAXED);
-}
-
-std::string Name(const char (&field)[32]) { return std::string(field, strnlen(field, 32)); }
-
 ModuleView View(const bsp::ModSta& record, int index) {
+  const int64_t now = bsp::TimeUtil::ClockSecond();
+  const int64_t fed = LoadWord(record.feed_time);
+  const int holders = bsp::CountHolders(index);
   ModuleView view;
   view.index = index;
-  view.name = Name(record.mod_name);
-  view.is_running = Load(record.running) != 0;
-  view.age_s = bsp::TimeUtil::ClockSecond() - Load(record.feed_time);
-  view.timeout_s = Load(record.timeout);
-  // The server's own rule: a module that fed since its last check is not late.
-  view.is_late = Load(record.feed_cnt) == 0 && view.age_s > view.timeout_s;
-  view.level = Load(record.log_level);
+  view.name = bsp::NameOf(record.mod_name);
+  // The word says who registered the name; who lives is known to the kernel, if to anyone.
+  view.is_dead = LoadWord(record.running) != 0 && holders == 0;
+  view.is_running = holders > 0 || (LoadWord(record.running) != 0 && !view.is_dead);
+  if (fed >= 0 && fed <= now) view.age_s = now - fed;
+  view.timeout_s = LoadWord(record.timeout);
+  // The server's own rule: a module that fed since its last check is not late. Garbage is.
+  view.is_late = LoadWord(record.feed_cnt) == 0 && view.age_s.value_or(INT64_MAX) > view.timeout_s;
+  view.level = LoadWord(record.log_level);
   for (const bsp::LogModSta& slot : record.logs) {
-    if (slot.log_name[0] != '\0') view.tags.push_back({Name(slot.log_name), Load(slot.log_level)});
+    const std::string tag = bsp::NameOf(slot.log_name);
+    if (!tag.empty()) view.tags.push_back({tag, LoadWord(slot.log_level)});
   }
   return view;
 }
@@ -42,12 +43,13 @@ ModuleView View(const bsp::ModSta& record, int index) {
 }  // namespace
 
 std::optional<std::vector<ModuleView>> ReadModules() {
-  shmc::ShmHandle<bsp::SystemStatus, shmc::impl::SVIPCShmAlloc<false>> block;
+  bsp::StatusBlockHandle block;
   if (!block.InitForRead(bsp::kSystemStatusName, bsp::kSystemStatusSize)) return std::nullopt;
   std::vector<ModuleView> modules;
   for (int i = 0; i < bsp::kMaxModules; ++i) {
     const bsp::ModSta& record = block.ptr()->mods[i];
-    if (record.mod_name[0] != '\0') modules.push_back(View(record, i));
+    ModuleView view = View(record, i);
+    if (!view.name.empty()) modules.push_back(std::move(view));
   }
   return modules;
 }
@@ -56,7 +58,7 @@ bool IsLogServerRunning() {
   // The kernel's list of UDP sockets: "sl local_address ...", the port as four hex digits behind a
   // colon. Binding the port to try it would take it from a server that is just starting.
   std::ifstream sockets("/proc/net/udp");
-  const std::string port = bsp::StringHelper::Format(":%04X", kLogPort);
+  const std::string port = bsp::StringHelper::Format(":%04X", bsp::kLogPort);
   std::string slot;
   std::string local;
   std::string rest;

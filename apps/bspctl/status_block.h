@@ -22,7 +22,8 @@ struct ModuleView {
   int index;  // of the record in the block
   std::string name;
   bool is_running;
-  int64_t age_s;  // seconds since the last feed or registration
+  bool is_dead;                  // it ran, and no process holds the record any more
+  std::optional<int64_t> age_s;  // seconds since the last feed or registration; none: garbage
   int32_t timeout_s;
   bool is_late;
   int32_t level;
