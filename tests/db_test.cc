@@ -12,8 +12,14 @@
 
 #include "bsp/log/log.h"
 #include "bsp/util/file_util.h"
+#include "tests/support/child.h"
 #include "tests/support/rows.h"
+#include "tests/support/sqlite_fault.h"
 #include "tests/support/test_env.h"
+
+// In front of the C library's: the pauses between tries are none of the tests' matter.
+extern "C" int nanosleep(const timespec*, timespec*) { return 0; }
+extern "C" int clock_nanosleep(clockid_t, int, const timespec*, timespec*) { return 0; }
 
 namespace {
 
@@ -89,6 +95,79 @@ TEST(DataBase, DamagedFileIsReplaced) {
       }
     }
   }
+}
+
+// A database as a killed process left it: of its 199 committed rows, those of the journal's kind
+// are in the write-ahead log alone.
+void MakeCrashed(const std::string& path, const DataBaseOptions& options) {
+  const auto crash = [&] {
+    DataBase db(options);
+    EXPECT_OK(db.Init(path));
+    EXPECT_OK(db.Exec("CREATE TABLE t (a INTEGER, b TEXT)"));
+    for (int i = 0; i < 199; ++i) {
+      EXPECT_OK(db.ExecBound(kInsert, {i, i}));
+      if (i != 99) continue;
+      EXPECT_OK(db.Exec("PRAGMA wal_checkpoint(TRUNCATE)"));
+    }
+    _exit(testing::Test::HasFailure() ? 1 : 0);
+    return 0;
+  };
+  ASSERT_EQ(test::Child::Fork(crash).Wait(), 0);
+}
+
+// Whichever system call of an opening fails, once or from then on, costs no row and sets nothing
+// aside: Init succeeds in spite of it, or fails and names the remedy.
+TEST(DataBase, FaultsAtOpening) {
+  using test::SqliteFault;
+  const std::string dir = test::MakeTempDir();
+  const std::string path = dir + "/d";
+  for (const bool journal : {false, true}) {
+    const DataBaseOptions options = {journal, true};
+    std::filesystem::remove_all(dir + "/crashed");
+    std::filesystem::create_directory(dir + "/crashed");
+    MakeCrashed(dir + "/crashed/d", options);
+    for (const auto kind :
+         {SqliteFault::kRead, SqliteFault::kWrite, SqliteFault::kTruncate, SqliteFault::kOpen}) {
+      for (const bool is_lasting : {false, true}) {
+        bool was_hit = true;
+        for (int n = 1; was_hit; ++n) {
+          SCOPED_TRACE(std::to_string(journal) + " " + std::to_string(kind) + " " +
+                       std::to_string(is_lasting) + " " + std::to_string(n));
+          std::filesystem::copy(dir + "/crashed", dir,
+                                std::filesystem::copy_options::overwrite_existing |
+                                    std::filesystem::copy_options::recursive);
+          {
+            const SqliteFault fault(kind, n, EIO, is_lasting);
+            DataBase db(options);
+            const std::string failure = TextOf(db.Init(path));
+            was_hit = SqliteFault::was_hit();
+            ASSERT_TRUE(is_lasting || failure.empty()) << failure;
+            ASSERT_TRUE(failure.empty() || failure.find("cannot use database") == 0) << failure;
+          }
+          ASSERT_FALSE(FileUtil::IsFileExist(path + ".damaged"));
+          ASSERT_EQ(test::QueryFile(path, "SELECT count(*) FROM t", options).at(0), "199");
+        }
+      }
+    }
+  }
+}
+
+// A damaged file takes its write-ahead log with it, byte for byte, and the files set aside are
+// numbered; past their budget nothing is touched.
+TEST(DataBase, SetAsideWithItsLog) {
+  const std::string path = test::MakeTempDir() + "/d";
+  MakeCrashed(path, kAllOptions);
+  std::fstream(path, std::ios::in | std::ios::out) << std::string(4096, 'g');
+  const std::string log = BytesOf(path + "-wal");
+  for (const char* kept : {".damaged", ".damaged.1", ".damaged.2"}) {
+    FileUtil::WriteToFile(path + "-wal", log);
+    EXPECT_EQ(test::QueryFile(path, "SELECT count(*) FROM sqlite_master", kAllOptions).at(0), "0");
+    EXPECT_TRUE(BytesOf(path + kept + "-wal") == log) << kept;
+    FileUtil::WriteToFile(path, std::string(5000, 'g'));
+  }
+  DataBase db(DataBaseOptions{true, true, 1000});
+  EXPECT_FAILS(db.Init(path), "look at them and remove them");
+  EXPECT_TRUE(BytesOf(path) == std::string(5000, 'g'));
 }
 
 // What cannot be used is a failure that leaves nothing open and names the remedy, and with

@@ -10,18 +10,24 @@
 // it also needs no shared index file.
 //
 // With keep_damaged only damage leads to a replacement: SQLite's word for it (corrupt, not a
-// database, I/O error) or a failed check. Whatever else keeps the file from use would keep the next
-// one from use too, or is somebody's mistake that must not cost the log.
+// database) or a failed check, and each twice, since a check that meets an I/O error may count the
+// page as damaged. Whatever else keeps the file from use passes, or would keep the next one from
+// use too, or is somebody's mistake that must not cost the log. A write-ahead log goes with its
+// file, before it: left behind, it would be taken for one of the new file. Until a file has passed
+// its check nothing is written to it: SQLite's own checkpoint at a close is held off.
 //
 // Prepared statements are kept by their text rather than handed out, so that no handle can outlive
 // its connection: Close has to finalise them all before SQLite lets the connection go.
 #include "bsp/db/database.h"
 
 #include <sqlite3.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <utility>
@@ -59,14 +65,37 @@ constexpr const char* kJournalSettings[] = {
 // alone, and the lock costs an insert a twentieth of its time.
 constexpr int kOpenFlags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
 
-constexpr const char* kSideFiles[] = {"-journal", "-wal", "-shm"};
+// With the rows that their file lacks; those set aside first.
+constexpr const char* kJournals[] = {"-wal", "-journal", ""};
+constexpr const char kWalIndex[] = "-shm";  // holds nothing of its own
+
+// Pauses between the tries to open a file that cannot be used. Together half a second: longer than
+// most hiccups of a medium, short enough for a start.
+constexpr int kRetryPausesMs[] = {50, 150, 300};
 
 // Most statements kept prepared. A user of ExecBound has a handful; one that pastes values into its
 // texts gets them prepared anew now and then, and no growth.
 constexpr size_t kMaxPrepared = 32;
 
-bool IsDamage(int result) {
-  return result == SQLITE_CORRUPT || result == SQLITE_NOTADB || result == SQLITE_IOERR;
+bool IsDamage(int result) { return result == SQLITE_CORRUPT || result == SQLITE_NOTADB; }
+
+// What a failed integrity check comes to. It counts pages that could not be read as damaged.
+int CheckResult(const char* text) {
+  const char kUnread[] = "error code=";
+  const char* code = strstr(text, kUnread);
+  const int result = code != nullptr ? atoi(code + strlen(kUnread)) & 0xff : SQLITE_CORRUPT;
+  return result != SQLITE_OK ? result : SQLITE_CORRUPT;
+}
+
+// Bytes in a file and its journals; -1 when there is none of them.
+int64_t SizeOf(const std::string& path) {
+  int64_t bytes = -1;
+  for (const char* suffix : kJournals) {
+    struct stat info = {};
+    if (stat((path + suffix).c_str(), &info) == 0)
+      bytes = std::max<int64_t>(bytes, 0) + info.st_size;
+  }
+  return bytes;
 }
 
 const char* Remedy(int result) {
@@ -82,6 +111,8 @@ const char* Remedy(int result) {
       return "is it a file, and is its folder there?";
     case SQLITE_FULL:
       return "is there space left?";
+    case SQLITE_IOERR:
+      return "does its medium fail? See the kernel's log";
     default:
       return "is there memory left?";
   }
@@ -110,7 +141,7 @@ std::shared_ptr<MSError> DataBase::Init(const std::string& db_path) {
   if (IsInRowCallback()) return DB_REFUSE("Init: called by a row callback of this database");
   std::lock_guard<std::mutex> lock(mutex_);
   CloseConnection();
-  if (Open(db_path)) return kOk;
+  if (options_.keep_damaged ? OpenPatiently(db_path) : Open(db_path)) return kOk;
 
   BSP_LOG_ERROR(MOD_BSP, "Open failed, db_path = %s", db_path.c_str());
   if (options_.keep_damaged) {
@@ -127,6 +158,17 @@ std::shared_ptr<MSError> DataBase::Init(const std::string& db_path) {
   return DB_REFUSE("Open failed, db_path = %s", db_path.c_str());
 }
 
+bool DataBase::OpenPatiently(const std::string& path) {
+  if (Open(path)) return true;
+  for (const int pause_ms : kRetryPausesMs) {
+    const bool was_damaged = IsDamage(open_result_);
+    std::this_thread::sleep_for(std::chrono::milliseconds(pause_ms));
+    if (Open(path)) return true;
+    if (was_damaged && IsDamage(open_result_)) return false;
+  }
+  return false;
+}
+
 bool DataBase::Open(const std::string& path) {
   sqlite3* opened = nullptr;
   open_result_ = sqlite3_open_v2(path.c_str(), &opened, kOpenFlags, nullptr);
@@ -137,6 +179,7 @@ bool DataBase::Open(const std::string& path) {
     CloseConnection();  // SQLite hands out a connection here too
     return false;
   }
+  CheckpointAtClose(!options_.keep_damaged);
   if (!Config()) {
     BSP_LOG_ERROR(MOD_BSP, "Config: Config failed, db_path = %s", path.c_str());
     CloseConnection();
@@ -153,7 +196,12 @@ bool DataBase::Open(const std::string& path) {
     CloseConnection();
     return false;
   }
+  CheckpointAtClose(true);
   return true;
+}
+
+void DataBase::CheckpointAtClose(bool is_on) {
+  sqlite3_db_config(db_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, is_on ? 0 : 1, nullptr);
 }
 
 bool DataBase::Config() {
@@ -182,7 +230,7 @@ bool DataBase::Check() {
     sound = text != nullptr && strcmp(text, "ok") == 0;
     if (!sound) {
       BSP_LOG_ERROR(MOD_BSP, "Database integrity check failed: %s", text != nullptr ? text : "");
-      open_result_ = SQLITE_CORRUPT;
+      open_result_ = CheckResult(text != nullptr ? text : "");
     }
   }
   sqlite3_finalize(statement);
@@ -191,20 +239,27 @@ bool DataBase::Check() {
 
 // Makes room for a new file in place of a damaged one.
 std::shared_ptr<MSError> DataBase::SetAside(const std::string& path) {
-  const std::string kept = path + ".damaged";
-  const bool is_first = access(kept.c_str(), F_OK) != 0;
-  const int result = is_first ? rename(path.c_str(), kept.c_str()) : remove(path.c_str());
-  if (result != 0) {
+  const std::string first = path + ".damaged";
+  std::string kept = first;
+  int64_t bytes = 0;  // in what is set aside already
+  for (int number = 1; SizeOf(kept) != -1; ++number) {
+    bytes += SizeOf(kept);
+    kept = first + "." + std::to_string(number);
+  }
+  if (bytes != 0 && bytes + SizeOf(path) > options_.most_damaged_bytes) {
+    return DB_REFUSE(
+        "damaged database %s cannot be set aside: %ld bytes are kept as %s*, look at "
+        "them and remove them",
+        path.c_str(), static_cast<long>(bytes), first.c_str());
+  }
+  for (const char* suffix : kJournals) {
+    if (rename((path + suffix).c_str(), (kept + suffix).c_str()) == 0) continue;
     const int saved = errno;
+    if (saved == ENOENT && *suffix != '\0') continue;
     return DB_REFUSE("Failed to remove corrupted database: %s, errno=%d", path.c_str(), saved);
   }
-  if (is_first) {
-    BSP_LOG_ERROR(MOD_BSP, "damaged database %s is kept as %s", path.c_str(), kept.c_str());
-  } else {
-    BSP_LOG_ERROR(MOD_BSP, "damaged database %s is removed, since %s is still there from earlier",
-                  path.c_str(), kept.c_str());
-  }
-  for (const char* side : kSideFiles) remove((path + side).c_str());  // most do not exist
+  remove((path + kWalIndex).c_str());  // most often there is none
+  BSP_LOG_ERROR(MOD_BSP, "damaged database %s is kept as %s", path.c_str(), kept.c_str());
   return kOk;
 }
 

@@ -29,11 +29,16 @@ struct DataBaseOptions {
   // journal in memory it can leave a damaged one, which the next Init replaces by an empty one.
   bool journal = false;
 
-  // Init replaces a file only when it is damaged, and keeps the first damaged one as FILE.damaged
-  // (while that exists, later ones are removed); side files of a damaged one go with it. A file
-  // that is not damaged but cannot be used (another process holds it, it is read-only or no file)
-  // makes Init fail and stays as it is.
+  // Init replaces a file only when it is damaged: when SQLite finds no database in it, or its
+  // integrity check says so. The damaged one is kept with its journals as FILE.damaged, later ones
+  // as FILE.damaged.1 and so on; none is ever deleted or overwritten. Whatever else keeps a file
+  // from use (an I/O error, another process that holds it, no space, no right to write) is tried
+  // again for half a second; then Init fails and the file stays as it is.
   bool keep_damaged = false;
+
+  // With keep_damaged: most bytes that files set aside may hold, the first whatever its size. When
+  // one more would pass it, Init fails and says so.
+  int64_t most_damaged_bytes = 16 << 20;
 };
 
 // A value to bind to a parameter of a statement. Text is not copied: it has to live until the call
@@ -103,6 +108,8 @@ class BSP_EXPORT DataBase {
   bool Open(const std::string& path);
   bool Config();
   bool Check();
+  bool OpenPatiently(const std::string& path);
+  void CheckpointAtClose(bool is_on);
   std::shared_ptr<MSError> SetAside(const std::string& path);
   void CloseConnection();
   bool IsInRowCallback() const;
