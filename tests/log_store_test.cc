@@ -16,6 +16,7 @@
 #include "tests/support/child.h"
 #include "tests/support/raw_clock.h"
 #include "tests/support/rows.h"
+#include "tests/support/sqlite_fault.h"
 #include "tests/support/test_env.h"
 
 namespace {
@@ -53,7 +54,7 @@ std::string NewFile() { return test::MakeTempDir() + "/log.db"; }
 // A store with all three sizes `size`.
 struct Store {
   explicit Store(const std::string& path, int size = 1000, const DataBaseOptions& options = {})
-      : rec(cfg, options) {
+      : rec(cfg, options, &losses) {
     cfg.log_bus_size = cfg.log_ctrl_size = cfg.log_sys_size = size;
     EXPECT_TRUE(rec.Init(path));
   }
@@ -69,6 +70,7 @@ struct Store {
     return count;
   }
   bsp::LogSrvCfg cfg;
+  bsp::LossLedger losses;
   SysLogRec rec;
 };
 
@@ -209,6 +211,71 @@ TEST(LogStore, FullDisk) {
     EXPECT_EQ(QueryFile(dir + "/log.db", "SELECT count(*) FROM tbl_ctrl_log"), Rows{"1801"});
     ASSERT_EQ(umount(dir.c_str()), 0);
   }
+}
+
+// Whichever system call fails once the store is open, once or for a while: after it each record is
+// a row or counted in one that tells of losses.
+TEST(LogStore, EachRecordIsARowOrTold) {
+  NEED_PRIVATE_WORLD();
+  using test::SqliteFault;
+  int hits = 0;
+  for (const auto kind : {SqliteFault::kRead, SqliteFault::kWrite, SqliteFault::kTruncate}) {
+    for (const bool is_lasting : {false, true}) {
+      bool was_hit = true;
+      for (int n = 1; was_hit; ++n) {
+        SCOPED_TRACE(std::to_string(kind) + " " + std::to_string(is_lasting) + " " +
+                     std::to_string(n));
+        const std::string path = "/mnt/log.db";  // in memory
+        remove(path.c_str());
+        {
+          Store store(path, 100, kAllOptions);
+          store.Fill(50, "before");
+          {
+            const SqliteFault fault(kind, n, ENOSPC, is_lasting);
+            store.Fill(150, std::string(500, 'f'));
+            was_hit = SqliteFault::was_hit();
+          }
+          hits += was_hit ? 1 : 0;
+          store.Fill(50, "after");
+          store.losses.Add(bsp::Loss::kRefused, 7);
+          store.rec.Flush();
+          ASSERT_FALSE(store.losses.HasUntold());
+        }
+        const auto number = [&](const std::string& sql) {
+          return atoi(QueryFile(path, "SELECT " + sql, kAllOptions).at(0).c_str());
+        };
+        const std::string told =
+            "sum(cast(substr(log, 25) AS INTEGER)) FROM tbl_sys_log WHERE log ";
+        const int trimmed = number("coalesce(min(id) - 1, 0) FROM tbl_ctrl_log");
+        ASSERT_EQ(
+            number("count(*) FROM tbl_ctrl_log") + trimmed + number(told + "LIKE '% rows lost%'"),
+            250);
+        ASSERT_EQ(number(told + "LIKE '% refused %'"), 7);
+      }
+    }
+  }
+  EXPECT_GT(hits, 20);
+}
+
+// A trim that ends the transaction loses its batch, which is told, and is not tried again at once.
+TEST(LogStore, TrimThatRollsBack) {
+  const test::FrozenClock clock;
+  const std::string path = NewFile();
+  { Store make_tables(path); }
+  QueryFile(path,
+            "CREATE TRIGGER no BEFORE DELETE ON tbl_ctrl_log BEGIN "
+            "SELECT RAISE(ROLLBACK, 'no'); END");
+  {
+    Store store(path, 100);
+    store.Fill(250);
+    EXPECT_EQ(store.Count(), 239);  // 100, and those after the 11 of the trim
+    test::g_clock_shift += 61;
+    store.Fill(1);
+    store.rec.Flush();
+  }
+  EXPECT_EQ(QueryFile(path, "SELECT count(*), max(id) FROM tbl_ctrl_log"), Rows{"240 240"});
+  EXPECT_EQ(QueryFile(path, "SELECT sum(cast(substr(log, 25) AS INTEGER)) FROM tbl_sys_log"),
+            Rows{"11"});
 }
 
 // What a file says, where it breaks the grammar, and which texts are numbers.

@@ -73,6 +73,15 @@ void SendRecords(int count, int first = 0, int width = 1) {
   log_deinit();
 }
 
+// A record that becomes a log line and no row.
+void SendUnknown() {
+  bsp::LogMsg unknown = bsp::kLogMsgPrototype;
+  unknown.type = 3;
+  ASSERT_EQ(log_init_v2(6, "sender", 0), 0);
+  log_send_msg(&unknown);
+  log_deinit();
+}
+
 // What a module logs becomes rows, in order, across its restart, byte for byte; a level set in the
 // block counts at its next call. A module that never feeds becomes late, which is told once.
 TEST(Logd, FromModuleToRow) {
@@ -220,7 +229,8 @@ TEST(Logd, DamagedDatabases) {
   }
 }
 
-// A full disk costs rows and nothing else: the server goes on, and stores again when there is room.
+// A full disk costs rows and nothing else: the server goes on, stores again when there is room, and
+// tells the number of those lost, exactly.
 TEST(Logd, FullDisk) {
   NEED_PRIVATE_WORLD();
   const std::string disk = MakeDir("", "size=512k");
@@ -229,13 +239,21 @@ TEST(Logd, FullDisk) {
   FileUtil::WriteToFile(disk + "/filler", std::string(200 << 10, 'x'));
   SendRecords(2000, 1000, 1000);
   EXPECT_TRUE(logd.WaitForLine("disk is full"));
+  SendUnknown();
+  EXPECT_TRUE(logd.WaitForLine("msg.type = 3 not found"));  // behind all others
   std::filesystem::remove(disk + "/filler");
   SendRecords(100, 100);
   EndLogd(&logd);
   const std::string rows = "count(*) FROM tbl_bus_log WHERE flow_id ";
   EXPECT_EQ(Number(disk, rows + "< 99"), 99);
   EXPECT_EQ(Number(disk, rows + "BETWEEN 100 AND 199"), 100);
-  EXPECT_LT(Number(disk, rows + ">= 1000"), 2000);
+  const int kept = Number(disk, rows + ">= 1000");
+  EXPECT_LT(kept, 2000);
+  // of the 99 and 100 above, one and none
+  EXPECT_EQ(Number(disk,
+                   "sum(cast(substr(log, 25) AS INTEGER)) FROM tbl_sys_log "
+                   "WHERE log LIKE '% rows lost, the database did not store them%'"),
+            2000 - kept + 100 - Number(disk, rows + "< 100"));
   umount(disk.c_str());
 }
 

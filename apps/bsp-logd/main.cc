@@ -69,7 +69,7 @@ bsp::LogSrvOptions ServerOptions(const Settings& settings) {
   options.bind_at_start = true;
   options.receive_buffer_bytes = kReceiveBufferBytes;
   options.datagrams_per_turn = kDatagramsPerTurn;
-  options.record_drops = true;
+  options.record_losses = true;
   options.separate_feeds = true;
   options.fair_verdicts = true;
   options.record_each_lateness = true;

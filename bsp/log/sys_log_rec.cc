@@ -13,6 +13,10 @@
 // that fails because another process reads the file leaves the transaction open: its rows stay, and
 // the next batch, which joins it, commits them too.
 //
+// Every record that comes here becomes a row or is counted in the ledger, exactly once: the row
+// that fails, and with a rollback all rows of the transaction. The rows that tell of losses go in
+// last, and are told by the COMMIT that takes them, whenever that is.
+//
 // Values never become statement text, with one exception: the filters of a search, which are
 // integers by type.
 #include "bsp/log/sys_log_rec.h"
@@ -22,6 +26,7 @@
 #include <cstring>
 
 #include "bsp/log/log.h"
+#include "bsp/log/own_record.h"
 #include "bsp/util/string_helper.h"
 #include "bsp/util/time_util.h"
 
@@ -32,6 +37,7 @@ const std::shared_ptr<MSError> kOk;
 
 constexpr int32_t kMaxBatchRows = 100;
 constexpr int64_t kMaxBatchSeconds = 60;
+constexpr int64_t kTrimRetrySeconds = 60;
 constexpr int32_t kMaxPageRows = 100;
 constexpr size_t kMaxTextRead = 1023;
 
@@ -73,7 +79,11 @@ LogMsg RowToMsg(char** values) {
 
 }  // namespace
 
-SysLogRec::SysLogRec(LogSrvCfg& cfg, const DataBaseOptions& options) : cfg_(cfg), db_(options) {}
+SysLogRec::SysLogRec(LogSrvCfg& cfg, const DataBaseOptions& options)
+    : SysLogRec(cfg, options, nullptr) {}
+
+SysLogRec::SysLogRec(LogSrvCfg& cfg, const DataBaseOptions& options, LossLedger* ledger)
+    : cfg_(cfg), db_(options), ledger_(ledger) {}
 
 bool SysLogRec::Init(const std::string& db_path) {
   types_ = {{LOG_TYPE_BUS, {"tbl_bus_log", cfg_.log_bus_size}},
@@ -81,6 +91,10 @@ bool SysLogRec::Init(const std::string& db_path) {
             {LOG_TYPE_SYS, {"tbl_sys_log", cfg_.log_sys_size}}};
   tables_.clear();
   pending_ = 0;
+  if (is_in_transaction_ && ledger_ != nullptr) {
+    ledger_->RolledBack();
+    ledger_->Add(Loss::kStore, static_cast<uint64_t>(batch_rows_), "it was opened anew");
+  }
   is_in_transaction_ = false;
   init_error_ = Open(db_path);
   if (init_error_ != kOk) return false;
@@ -129,22 +143,18 @@ void SysLogRec::Record(const LogMsg& msg) {
   const auto found = tables_.find(msg.type);
   if (found == tables_.end()) {
     BSP_LOG_ERROR(MOD_BSP, "Record: msg.type = %d not found", msg.type);
+    if (ledger_ != nullptr) ledger_->Add(Loss::kRefused, 1);
     return;
   }
   if (pending_ == 0) BeginBatch();
 
-  Table& table = found->second;
-  const auto error = db_.ExecBound(table.insert_sql, {msg.timems,
-                                                      msg.level,
-                                                      msg.trace_id,
-                                                      msg.flow_id,
-                                                      {msg.log, strnlen(msg.log, sizeof msg.log)}});
+  const auto error = Insert(found->second, msg);
   ++pending_;
   if (error == kOk) {
-    ++table.rows;
+    ++batch_rows_;
   } else {
-    BSP_LOG_ERROR(MOD_BSP, "db_.Exec failed, err = %s\n", error->Message().c_str());
-    NoteRollback();
+    if (ledger_ != nullptr) ledger_->Add(Loss::kStore, 1, error->Message());
+    NoteRollback(*error);
   }
 
   const int64_t now = TimeUtil::ClockSecond();
@@ -153,54 +163,105 @@ void SysLogRec::Record(const LogMsg& msg) {
   batch_time_ = now;
 }
 
+std::shared_ptr<MSError> SysLogRec::Insert(Table& table, const LogMsg& msg) {
+  const auto error = db_.ExecBound(table.insert_sql, {msg.timems,
+                                                      msg.level,
+                                                      msg.trace_id,
+                                                      msg.flow_id,
+                                                      {msg.log, strnlen(msg.log, sizeof msg.log)}});
+  if (error == kOk) {
+    ++table.rows;
+  } else {
+    BSP_LOG_ERROR(MOD_BSP, "db_.Exec failed, err = %s\n", error->Message().c_str());
+  }
+  return error;
+}
+
 void SysLogRec::BeginBatch() {
   batch_time_ = TimeUtil::ClockSecond();
   if (is_in_transaction_) return;  // a COMMIT could not go through; its transaction goes on
   db_.Transaction();
   is_in_transaction_ = db_.IsInTransaction();
+  batch_rows_ = 0;
   for (auto& entry : tables_) entry.second.rows_at_begin = entry.second.rows;
 }
 
 void SysLogRec::Flush() {
+  BeginForLosses();
   if (pending_ != 0 || is_in_transaction_) CommitBatch();
 }
 
+// A loss at a time without records must be told, too.
+void SysLogRec::BeginForLosses() {
+  if (pending_ != 0 || ledger_ == nullptr || !ledger_->HasUntold()) return;
+  BeginBatch();
+  ++pending_;
+}
+
 void SysLogRec::CommitBatch() {
+  CarryLosses();
   pending_ = 0;
   auto error = db_.Commit();
   if (error == kOk && is_in_transaction_ && db_.IsInTransaction()) {
     error = db_.Exec("COMMIT;");  // for DataBase it ended at the Commit that failed
   }
-  if (error == kOk) {
-    is_in_transaction_ = false;
-  } else {
-    NoteRollback();
+  if (error != kOk) {
+    NoteRollback(*error);
+    return;
+  }
+  is_in_transaction_ = false;
+  batch_rows_ = 0;
+  if (ledger_ != nullptr) ledger_->Committed();
+}
+
+void SysLogRec::CarryLosses() {
+  if (ledger_ == nullptr || !ledger_->HasUntold()) return;
+  for (int i = 0; i < static_cast<int>(Loss::kCount); ++i) {
+    const Loss why = static_cast<Loss>(i);
+    const std::string text = ledger_->Text(why);
+    if (text.empty()) continue;
+    const auto error = Insert(tables_[LOG_TYPE_SYS], MakeOwnRecord(BSP_LEVEL_WARN, text));
+    if (error != kOk) {
+      NoteRollback(*error);
+      return;
+    }
+    ledger_->Carried(why);
   }
 }
 
-// Behind a failure: if it has ended the transaction, its rows are gone.
-void SysLogRec::NoteRollback() {
+// After a failure: if it has ended the transaction, its rows are gone.
+void SysLogRec::NoteRollback(const MSError& why) {
   if (!is_in_transaction_ || db_.IsInTransaction()) return;
   is_in_transaction_ = false;
   pending_ = 0;
   for (auto& entry : tables_) entry.second.rows = entry.second.rows_at_begin;
+  if (ledger_ != nullptr) {
+    ledger_->RolledBack();
+    ledger_->Add(Loss::kStore, static_cast<uint64_t>(batch_rows_), why.Message());
+  }
+  batch_rows_ = 0;
   BSP_LOG_ERROR(MOD_BSP, "the open batch was rolled back, its rows are lost");
 }
 
 void SysLogRec::Recycle() {
+  BeginForLosses();
   if (TimeUtil::ClockSecond() - batch_time_ > kMaxBatchSeconds) CommitBatch();
   for (auto& entry : tables_) {
     if (entry.second.rows > entry.second.high) Trim(entry.second);
   }
 }
 
+// One that fails may have cost a batch, and would fail at the next record, too.
 void SysLogRec::Trim(Table& table) {
+  const int64_t now = TimeUtil::ClockSecond();
+  if (now < table.trim_time) return;
   int64_t deleted = 0;
   const auto error = db_.ExecBound(table.trim_sql, {table.rows, table.low}, &deleted);
   table.rows -= deleted;
   if (error == kOk) return;
+  table.trim_time = now + kTrimRetrySeconds;
   BSP_LOG_ERROR(MOD_BSP, "db_.Exec failed, err = %s\n", error->Message().c_str());
-  NoteRollback();
+  NoteRollback(*error);
 }
 
 std::string SysLogRec::GenSearchFilterSql(const SearchReq& req) {

@@ -12,6 +12,7 @@
 #include "bsp/base/macros.h"
 #include "bsp/db/database.h"
 #include "bsp/log/log_msg.h"
+#include "bsp/log/loss_ledger.h"
 
 namespace bsp {
 
@@ -24,6 +25,9 @@ class BSP_EXPORT SysLogRec {
  public:
   // Opens nothing. cfg has to outlive the object; its three sizes are read by Init.
   explicit SysLogRec(LogSrvCfg& cfg, const DataBaseOptions& options = DataBaseOptions());
+  // The same; what the store loses is counted in *ledger, and each batch that it commits carries
+  // the rows that tell of losses. *ledger has to outlive the object.
+  SysLogRec(LogSrvCfg& cfg, const DataBaseOptions& options, LossLedger* ledger);
   SysLogRec(const SysLogRec&) = delete;
   SysLogRec& operator=(const SysLogRec&) = delete;
 
@@ -66,12 +70,16 @@ class BSP_EXPORT SysLogRec {
     int64_t high = 0;           // rows that the table may hold
     int64_t rows = 0;           // exact, the open batch included
     int64_t rows_at_begin = 0;  // when the open transaction began
+    int64_t trim_time = 0;      // ClockSecond from which a trim may be tried, after one that failed
   };
 
   std::shared_ptr<MSError> Open(const std::string& db_path);
+  std::shared_ptr<MSError> Insert(Table& table, const LogMsg& msg);
   void BeginBatch();
   void CommitBatch();
-  void NoteRollback();
+  void BeginForLosses();
+  void CarryLosses();
+  void NoteRollback(const MSError& why);
   void Trim(Table& table);
 
   LogSrvCfg& cfg_;
@@ -82,6 +90,8 @@ class BSP_EXPORT SysLogRec {
 
   std::map<int32_t, Table> tables_;  // by type, the keys of types_
   bool is_in_transaction_ = false;   // a BEGIN went through and its end has not been seen
+  LossLedger* const ledger_;
+  int64_t batch_rows_ = 0;  // in the open transaction, but for those of losses
   std::shared_ptr<MSError> init_error_;
 };
 

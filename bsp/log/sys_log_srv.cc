@@ -25,6 +25,7 @@
 
 #include "bsp/log/log.h"
 #include "bsp/log/log_srv_cfg.h"
+#include "bsp/log/own_record.h"
 #include "bsp/log/status_block.h"
 #include "bsp/util/file_util.h"
 #include "bsp/util/string_helper.h"
@@ -112,7 +113,8 @@ bool SystemLogServer::OpenBlock(const std::string& name) {
 }
 
 bool SystemLogServer::OpenStore() {
-  rec_ = std::make_unique<SysLogRec>(cfg_, options_.database);
+  rec_ = std::make_unique<SysLogRec>(cfg_, options_.database,
+                                     options_.record_losses ? &losses_ : nullptr);
   if (rec_->Init(cfg_.log_db_file)) return true;
   BSP_LOG_ERROR(MOD_BSP, "log rec init failed.");
   return Fail("log store: " + FirstLine(rec_->InitError()->Message()));
@@ -251,7 +253,27 @@ bool SystemLogServer::ReceiveTurn(LogReceiver* receiver) {
 
 // False when the datagram is skipped.
 bool SystemLogServer::HandleDatagram(const LogReceiver::Datagram& datagram) {
-  if (datagram.length <= 0) {
+  if (datagram.length < 0) {
+    BSP_LOG_ERROR(MOD_BSP, "UDP therefrom failed");
+    return false;
+  }
+  LogMsg& msg = *datagram.msg;
+  if (!IsWelcome(datagram)) {
+    losses_.Add(Loss::kRefused, 1);
+    return false;
+  }
+  msg.log[msg.len] = '\0';
+  msg.mod_name[sizeof msg.mod_name - 1] = '\0';
+  if (msg.magic == kLogMagic) {
+    LogMsgProc(msg);
+  } else {
+    losses_.Add(Loss::kRefused, 1);
+  }
+  return true;
+}
+
+bool SystemLogServer::IsWelcome(const LogReceiver::Datagram& datagram) {
+  if (datagram.length == 0) {
     BSP_LOG_ERROR(MOD_BSP, "UDP therefrom failed");
     return false;
   }
@@ -263,12 +285,7 @@ bool SystemLogServer::HandleDatagram(const LogReceiver::Datagram& datagram) {
     has_refused_ = true;
     return false;
   }
-  LogMsg& msg = *datagram.msg;
-  if (msg.len < 0 || msg.len > kMostTextBytes) return false;
-  msg.log[msg.len] = '\0';
-  msg.mod_name[sizeof msg.mod_name - 1] = '\0';
-  if (msg.magic == kLogMagic) LogMsgProc(msg);
-  return true;
+  return datagram.msg->len >= 0 && datagram.msg->len <= kMostTextBytes;
 }
 
 // Stores what reached the socket before the end of the loop, however long the disk takes for it. A
@@ -357,10 +374,7 @@ void SystemLogServer::LookAtDrops(int64_t now) {
   drops_ += of_records;
   feed_drops_ += of_feeds;
   if ((feeds_.IsOpen() ? of_feeds : of_records) != 0) pass_.NoteLostFeeds(now);
-  if (!options_.record_drops || of_records + of_feeds == 0) return;
-  RecordOwn(BSP_LEVEL_WARN,
-            StringHelper::Format("%u log datagrams lost, the receive buffer was full",
-                                 of_records + of_feeds));
+  losses_.Add(Loss::kBufferFull, of_records + of_feeds);
 }
 
 // ---- Records
@@ -410,12 +424,7 @@ void SystemLogServer::RecordLate(const std::string& text) {
 void SystemLogServer::SysLogMsgRec(const std::string& text) { RecordOwn(BSP_LEVEL_ERROR, text); }
 
 void SystemLogServer::RecordOwn(int32_t level, const std::string& text) {
-  LogMsg msg = kLogMsgPrototype;
-  msg.type = LOG_TYPE_SYS;
-  msg.level = level;
-  msg.timems = TimeUtil::TimeMillis();
-  snprintf(msg.log, kMostTextBytes, "%s %s", TimeUtil::TimeMillisStr(), text.c_str());
-  if (rec_) rec_->Record(msg);
+  if (rec_) rec_->Record(MakeOwnRecord(level, text));
 }
 
 }  // namespace bsp

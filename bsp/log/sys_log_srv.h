@@ -49,8 +49,9 @@ struct LogSrvOptions {
   // length ends at once, so that a stream of such datagrams keeps them from running.
   int datagrams_per_turn = 1;
 
-  // Datagrams that the kernel dropped become a row of type 2, level 4, at most one a second.
-  bool record_drops = false;
+  // Every datagram that becomes no row is counted by its reason: dropped by the kernel, refused, or
+  // not stored. Rows of type 2, level 4, tell the numbers; the first batch that commits has them.
+  bool record_losses = false;
 
   // Watchdog feeds get a receive buffer of their own (as large as receive_buffer_bytes says), so
   // that no flood of records pushes them out, and are read first. A warning tells when the kernel
@@ -137,6 +138,7 @@ class BSP_EXPORT SystemLogServer : public SysLog {
   bool Turn();
   bool ReceiveTurn(LogReceiver* receiver);
   bool HandleDatagram(const LogReceiver::Datagram& datagram);
+  bool IsWelcome(const LogReceiver::Datagram& datagram);
   void ReadWaiting(LogReceiver* receiver);
   void RunPass(int64_t now);
   void TellLate(const std::vector<LateModule>& late);
@@ -152,6 +154,7 @@ class BSP_EXPORT SystemLogServer : public SysLog {
   std::atomic<bool> running_{false};  // from the end of Start to Stop
   LogSrvCfg cfg_;
   std::unique_ptr<SysWdg> wdg_;
+  LossLedger losses_;
   std::unique_ptr<SysLogRec> rec_;
 
   const LogSrvOptions options_;
