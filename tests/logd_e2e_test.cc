@@ -160,7 +160,7 @@ TEST(Logd, TakesTheBlockOver) {
   logd.Wait();
   bsp::StoreWord(kept->feed_time, int64_t{-1000});
   const bsp::SystemStatus before = *block.ptr();
-  EXPECT_EQ(RunLogd(MakeDir("log_db_file = /mnt\n")).Wait(), 1);
+  EXPECT_EQ(RunLogd(MakeDir("log_db_file = /mnt\n"), {"--no-run-without-store"}).Wait(), 1);
   EXPECT_EQ(memcmp(block.ptr(), &before, sizeof before), 0);
 
   logd = StartLogd(dir);
@@ -189,6 +189,7 @@ TEST(Logd, FailuresToStart) {
   test::QueryFile(read_only + "/log.db", "SELECT 1");
   ASSERT_EQ(mount(nullptr, read_only.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
   const std::string ini = "bsp-logd: ./com_srv_app.ini: l.";
+  const Rows without = {"--no-run-without-store"};
   const struct {
     std::string dir;
     Rows options;
@@ -198,8 +199,8 @@ TEST(Logd, FailuresToStart) {
       {MakeDir("[log_size]\nlog_bus_size = 1O\n"), {}, ini + "4: log_bus_size = 1O: field is not"},
       {MakeDir("[record\n"), {"--stock"}, ini + "3: ini parsing failed, section not closed"},
       {folder, {}, "bsp-logd: cannot read ./com_srv_app.ini in " + folder + ": Is a directory"},
-      {MakeDir("log_db_file = /mnt\n"), {}, "bsp-logd: log store: cannot use database /mnt"},
-      {read_only, {}, "bsp-logd: log store: cannot use database log.db"},
+      {MakeDir("log_db_file = /mnt\n"), without, "bsp-logd: log store: cannot use database /mnt"},
+      {read_only, without, "bsp-logd: log store: cannot use database log.db"},
       {MakeDir(), {"--watchdog", "/mnt/none"}, "bsp-logd: watchdog device /mnt/none cannot be"},
       {MakeDir(), {"--watchdog", "/dev/null"}, "bsp-logd: /dev/null is no watchdog device"},
       {"/", {"--stock", "--watchdog", "/dev/null"}, "--watchdog"},

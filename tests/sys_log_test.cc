@@ -468,6 +468,9 @@ bsp::LogSrvOptions AllOptions(const std::string& watchdog_device = "") {
   options.bind_at_start = true;
   options.datagrams_per_turn = 16;
   options.loopback_only = true;
+  options.record_losses = true;
+  options.run_without_store = true;
+  options.watch_database = true;
   options.separate_feeds = true;
   options.fair_verdicts = true;
   options.record_each_lateness = true;
@@ -576,7 +579,8 @@ TEST(LogServer, Datagrams) {
     EXPECT_EQ(server.Table("tbl_bus_log"), (Rows{"6 3 -4 bu", "6 0 0 ", "6 3 -4 last"}));
     EXPECT_EQ(server.Table("tbl_ctrl_log"), Rows{"6 3 -4 " + std::string(1023, 'x')});
     const Rows own = server.Table("tbl_sys_log");
-    EXPECT_EQ(own.size(), all ? 2u : 3u);
+    EXPECT_EQ(own.size(), 3u);
+    EXPECT_EQ(own[2].find(" 6 datagrams refused") != std::string::npos, all) << own[2];
     EXPECT_NE(own[0].find(" System start ...20"), std::string::npos) << own[0];
     EXPECT_EQ(block->mods[0].feed_cnt, 1);
   }
@@ -626,7 +630,7 @@ TEST(LogServer, LateModulesStopTheDevice) {
   Block block;
   Device device;
   bsp::LogSrvOptions options = AllOptions(device.path);
-  options.fair_verdicts = options.record_each_lateness = false;
+  options.fair_verdicts = options.record_each_lateness = options.record_losses = false;
   std::atomic<int> turns{0};
   options.on_turn = [&turns] { ++turns; };
   Server server(options, "[watchdog]\nmodule_0=mod\n");
@@ -773,6 +777,43 @@ TEST(LogServer, FloodIsNoLateness) {
               (Rows{"good(61, 60) not judged, their feeds may be among the datagrams lost",
                     "good(126, 60)"}));
   }
+}
+
+// Without a store the modules are watched, and the newest records kept; a store that can be opened
+// again gets them, with the number of those lost. So does a new file in place of one removed.
+TEST(LogServer, StoreComesAndGoes) {
+  NEED_PRIVATE_WORLD();
+  const std::string file = "/mnt/late/log.db";
+  std::filesystem::remove_all("/mnt/late");
+  StoppedServer loop("[record]\nlog_db_file=" + file + "\n");
+  const auto send = [&](int first, int count) {
+    for (int i = first; i < first + count; ++i) {
+      loop.sender.Send(LOG_TYPE_BUS, std::to_string(i));
+      if (i % 50 == 49) loop.AwaitTurns(1);  // so that none overflows the socket
+    }
+    loop.AwaitTurns(1);
+  };
+  send(0, 1100);
+  EXPECT_EQ(loop.After(5), ".");
+  std::filesystem::create_directory("/mnt/late");
+  loop.After(60);
+  send(2000, 1);
+  std::filesystem::rename(file, file + ".away");
+  send(3000, 1);  // goes with the open batch
+  loop.After(60);
+  send(4000, 1);
+  loop.server->Stop();
+  const auto rows = [](const std::string& path, const std::string& sql) {
+    return test::QueryFile(path, "SELECT " + sql);
+  };
+  EXPECT_EQ(rows(file, "log FROM tbl_bus_log"), Rows{"4000"});
+  EXPECT_EQ(rows(file, "count(*) FROM tbl_sys_log WHERE log LIKE '%was removed or replaced%'"),
+            Rows{"1"});
+  EXPECT_EQ(
+      rows(file, "CAST(substr(log, 25) AS INTEGER) FROM tbl_sys_log WHERE log LIKE '% rows lost%'"),
+      Rows{"2"});
+  EXPECT_EQ(rows(file + ".away", "count(*) FROM tbl_bus_log WHERE CAST(log AS INTEGER) < 1100"),
+            Rows{"1000"});
 }
 
 // A wait that a signal cuts short ends the loop. That is a failure: the device stays armed, and

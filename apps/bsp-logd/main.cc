@@ -34,6 +34,7 @@ struct Settings {
   std::string watchdog_device;
   bool is_stock = false;
   bool adopts = true;
+  bool runs_without_store = true;
   int log_level = BSP_LEVEL_INFO;
 };
 
@@ -55,6 +56,9 @@ void AddOptions(CLI::App* app, Settings* settings) {
   app->add_flag("--adopt,!--no-adopt", settings->adopts,
                 "take over the status block of a server that died, so that running modules go on "
                 "(default); with --no-adopt it is cleared");
+  app->add_flag("--run-without-store,!--no-run-without-store", settings->runs_without_store,
+                "where the database cannot be opened, watch the modules none the less, keep the "
+                "newest records in memory and try again every minute (default)");
   app->add_option("--log-level", settings->log_level, "0 (emerg) to 7 (debug), on standard error")
       ->capture_default_str()
       ->check(CLI::Range(0, 7));
@@ -70,6 +74,8 @@ bsp::LogSrvOptions ServerOptions(const Settings& settings) {
   options.receive_buffer_bytes = kReceiveBufferBytes;
   options.datagrams_per_turn = kDatagramsPerTurn;
   options.record_losses = true;
+  options.run_without_store = settings.runs_without_store;
+  options.watch_database = true;
   options.separate_feeds = true;
   options.fair_verdicts = true;
   options.record_each_lateness = true;

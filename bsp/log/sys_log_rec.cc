@@ -90,12 +90,7 @@ bool SysLogRec::Init(const std::string& db_path) {
             {LOG_TYPE_CTRL, {"tbl_ctrl_log", cfg_.log_ctrl_size}},
             {LOG_TYPE_SYS, {"tbl_sys_log", cfg_.log_sys_size}}};
   tables_.clear();
-  pending_ = 0;
-  if (is_in_transaction_ && ledger_ != nullptr) {
-    ledger_->RolledBack();
-    ledger_->Add(Loss::kStore, static_cast<uint64_t>(batch_rows_), "it was opened anew");
-  }
-  is_in_transaction_ = false;
+  Abandon();
   init_error_ = Open(db_path);
   if (init_error_ != kOk) return false;
 
@@ -137,6 +132,10 @@ std::shared_ptr<MSError> SysLogRec::Open(const std::string& db_path) {
     tables_[entry.first] = table;
   }
   return kOk;
+}
+
+bool SysLogRec::HasTable(int32_t type) {
+  return type == LOG_TYPE_BUS || type == LOG_TYPE_CTRL || type == LOG_TYPE_SYS;
 }
 
 void SysLogRec::Record(const LogMsg& msg) {
@@ -189,6 +188,16 @@ void SysLogRec::BeginBatch() {
 void SysLogRec::Flush() {
   BeginForLosses();
   if (pending_ != 0 || is_in_transaction_) CommitBatch();
+}
+
+void SysLogRec::Abandon() {
+  if (is_in_transaction_ && ledger_ != nullptr) {
+    ledger_->RolledBack();
+    ledger_->Add(Loss::kStore, static_cast<uint64_t>(batch_rows_), "it was given up");
+  }
+  db_.Close();  // rolls back
+  is_in_transaction_ = false;
+  pending_ = 0;
 }
 
 // A loss at a time without records must be told, too.

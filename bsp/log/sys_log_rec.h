@@ -38,12 +38,18 @@ class BSP_EXPORT SysLogRec {
   // Why the last Init failed; null when it did not.
   std::shared_ptr<MSError> InitError() const { return init_error_; }
 
+  // Whether records of this type are stored.
+  static bool HasTable(int32_t type);
+
   // Stores timems, level, trace_id, flow_id and the text, byte for byte up to its terminator. A
   // type without a table is logged and dropped.
   void Record(const LogMsg& msg);
 
   // Commits the open batch, if any.
   void Flush();
+
+  // Gives the open batch up, if any, and counts its rows as lost.
+  void Abandon();
 
   // Commits a batch that has been open for more than 60 seconds, and trims each table that has
   // grown past 110 percent of its size to 90 percent (and one row). Cheap when there is nothing to

@@ -113,11 +113,15 @@ bool SystemLogServer::OpenBlock(const std::string& name) {
 }
 
 bool SystemLogServer::OpenStore() {
-  rec_ = std::make_unique<SysLogRec>(cfg_, options_.database,
-                                     options_.record_losses ? &losses_ : nullptr);
-  if (rec_->Init(cfg_.log_db_file)) return true;
+  StoreKeeperOptions options;
+  options.may_be_absent = options_.run_without_store;
+  options.watches_file = options_.watch_database;
+  store_ = std::make_unique<StoreKeeper>(cfg_, options_.database, options,
+                                         options_.record_losses ? &losses_ : nullptr);
+  const auto error = store_->Open();
+  if (error == nullptr) return true;
   BSP_LOG_ERROR(MOD_BSP, "log rec init failed.");
-  return Fail("log store: " + FirstLine(rec_->InitError()->Message()));
+  return Fail("log store: " + FirstLine(error->Message()));
 }
 
 bool SystemLogServer::OpenReceiver() {
@@ -145,7 +149,7 @@ void SystemLogServer::Stop() {
   }
   loop_left_.wait(lock, [this] { return loop_thread_ == std::thread::id(); });
   // The lock is held to the end: a loop that enters now has to wait, and then finds nothing to do.
-  if (options_.flush_at_stop && rec_) Drain();
+  if (options_.flush_at_stop && store_) Drain();
   TearDown();
 }
 
@@ -154,7 +158,7 @@ void SystemLogServer::TearDown() {
   feeds_.Close();
   SysLog::Stop();
   wdg_.reset();
-  rec_.reset();
+  store_.reset();
   Socket::Close(wake_fd_);
 }
 
@@ -199,7 +203,7 @@ void SystemLogServer::RunLoopLog() {
     while (running_ && Turn()) {
     }
   }
-  if (options_.flush_at_stop && rec_) return;  // Stop reads the rest
+  if (options_.flush_at_stop && store_) return;  // Stop reads the rest
   receiver_.Close();
   feeds_.Close();
 }
@@ -236,8 +240,12 @@ bool SystemLogServer::Turn() {
 
   const int64_t now = TimeUtil::ClockSecond();
   if (pass_.IsDue(now)) RunPass(now);
-  if (now != drops_time_) LookAtDrops(now);
-  rec_->Recycle();
+  if (now != second_) {
+    second_ = now;
+    LookAtDrops(now);
+    store_->LookAfter(now);
+  }
+  store_->Recycle();
   return true;
 }
 
@@ -246,7 +254,7 @@ bool SystemLogServer::ReceiveTurn(LogReceiver* receiver) {
   bool is_handled = false;
   for (const LogReceiver::Datagram& datagram : receiver->Receive()) {
     is_handled = HandleDatagram(datagram);
-    if (is_handled) rec_->Recycle();
+    if (is_handled) store_->Recycle();
   }
   return is_handled;
 }
@@ -302,7 +310,7 @@ void SystemLogServer::Drain() {
     }
   }
   LookAtDrops(TimeUtil::ClockSecond());
-  rec_->Flush();
+  store_->Flush();
 }
 
 // Reads what waited when a verdict was due, so that no feed stands unread before it. Bounded, since
@@ -367,7 +375,6 @@ void SystemLogServer::TellSpared(const std::vector<LateModule>& spared) {
 
 // The kernel's counts, of which the differences hold modulo 2^32.
 void SystemLogServer::LookAtDrops(int64_t now) {
-  drops_time_ = now;
   if (!receiver_.IsOpen()) return;
   const uint32_t of_records = receiver_.CountDrops() - drops_;
   const uint32_t of_feeds = feeds_.IsOpen() ? feeds_.CountDrops() - feed_drops_ : 0;
@@ -380,7 +387,7 @@ void SystemLogServer::LookAtDrops(int64_t now) {
 // ---- Records
 
 void SystemLogServer::LogMsgProc(LogMsg& msg) {
-  if (!rec_) return;
+  if (!store_) return;
   BSP_LOG_DEBUG(MOD_BSP, "msg %lld %s", static_cast<long long>(msg.timems), msg.log);
   switch (msg.type) {
     case LOG_TYPE_FEED_DOG:
@@ -390,7 +397,7 @@ void SystemLogServer::LogMsgProc(LogMsg& msg) {
       Search();
       break;
     default:
-      rec_->Record(msg);
+      store_->Record(msg);
   }
 }
 
@@ -400,9 +407,10 @@ void SystemLogServer::Search() {
   req.type = LOG_TYPE_BUS;
   req.end_ms = 0x0fffffffffffffff;
   int count = 0;
-  rec_->SearchCount(req, count);
   std::vector<LogMsg> found;
-  if (rec_->Search(req, found) != 0) {
+  SysLogRec* store = store_->store();
+  if (store != nullptr) store->SearchCount(req, count);
+  if (store == nullptr || store->Search(req, found) != 0) {
     BSP_LOG_ERROR(MOD_BSP, "Search failed.");
     return;
   }
@@ -424,7 +432,7 @@ void SystemLogServer::RecordLate(const std::string& text) {
 void SystemLogServer::SysLogMsgRec(const std::string& text) { RecordOwn(BSP_LEVEL_ERROR, text); }
 
 void SystemLogServer::RecordOwn(int32_t level, const std::string& text) {
-  if (rec_) rec_->Record(MakeOwnRecord(level, text));
+  if (store_) store_->Record(MakeOwnRecord(level, text));
 }
 
 }  // namespace bsp

@@ -16,6 +16,7 @@
 #include "bsp/db/database.h"
 #include "bsp/log/log_msg.h"
 #include "bsp/log/log_receiver.h"
+#include "bsp/log/store_keeper.h"
 #include "bsp/log/sys_log_cli.h"
 #include "bsp/log/sys_log_rec.h"
 #include "bsp/log/sys_wdg.h"
@@ -66,6 +67,14 @@ struct LogSrvOptions {
   // A lateness is a row and a log line once for each module and each time that it becomes late, and
   // not once in the process's life.
   bool record_each_lateness = false;
+
+  // Start succeeds, and the watchdog works, where the store cannot be opened: it is tried again
+  // every minute, and meanwhile the newest 1000 records are kept in memory.
+  bool run_without_store = false;
+
+  // A database file that was removed or replaced under the server is noticed within a minute, told
+  // by a row and a log line, and a new one begun.
+  bool watch_database = false;
 
   // Datagrams from other than 127.0.0.0/8 are dropped.
   bool loopback_only = false;
@@ -155,7 +164,7 @@ class BSP_EXPORT SystemLogServer : public SysLog {
   LogSrvCfg cfg_;
   std::unique_ptr<SysWdg> wdg_;
   LossLedger losses_;
-  std::unique_ptr<SysLogRec> rec_;
+  std::unique_ptr<StoreKeeper> store_;  // from Start to Stop
 
   const LogSrvOptions options_;
   LogReceiver receiver_;
@@ -166,7 +175,7 @@ class BSP_EXPORT SystemLogServer : public SysLog {
   Adoption adopted_ = {false, 0, 0};
   bool is_empty_told_ = false;   // that no module is watched
   bool is_anyone_late_ = false;  // by the last verdict
-  int64_t drops_time_ = 0;       // ClockSecond of the last look at the drops
+  int64_t second_ = 0;           // ClockSecond of what is done once a second
   uint32_t drops_ = 0;           // drops of records seen so far
   uint32_t feed_drops_ = 0;      // and of feeds
   bool has_refused_ = false;     // a foreign sender has been told of
