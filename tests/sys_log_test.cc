@@ -9,13 +9,16 @@
 #include <sys/resource.h>
 #include <sys/sem.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <termios.h>
 
 #include <algorithm>
+#include <climits>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <future>
+#include <new>
 #include <set>
 #include <thread>
 
@@ -49,6 +52,18 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
   if (request == WDIOC_GETTIMEOUT) *static_cast<int*>(argument) = g_device_timeout;
   return 0;
 }
+
+// Allocations of this thread until one fails.
+static thread_local int g_allocations_left = INT_MAX;
+
+__attribute__((noinline)) void* operator new(size_t size) {
+  if (g_allocations_left != INT_MAX && --g_allocations_left == 0) throw std::bad_alloc();
+  void* memory = malloc(size);
+  if (memory == nullptr) throw std::bad_alloc();
+  return memory;
+}
+__attribute__((noinline)) void operator delete(void* memory) noexcept { free(memory); }
+__attribute__((noinline)) void operator delete(void* memory, size_t) noexcept { free(memory); }
 
 namespace {
 
@@ -233,6 +248,54 @@ TEST(LogClient, NewTagsOfManyThreads) {
     std::set<std::string> names;
     for (const auto& slot : block->mods[0].logs) names.insert(NameOf(slot.log_name));
     EXPECT_EQ(names.size() - names.count(""), 32u);
+  }
+}
+
+// A child that is forked while other threads print and register tags may do the same.
+TEST(LogClient, ChildOfABusyModuleLogs) {
+  NEED_PRIVATE_WORLD();
+  const auto fork_often = [] {
+    if (freopen("/dev/null", "w", stdout) == nullptr || log_init_v2(6, "busy", 0) != 0) return 1;
+    std::thread([] {
+      while (true) BSP_LOG_ERROR("MOD_T", "line");
+    }).detach();
+    std::thread([] {
+      for (int i = 0;; i = (i + 1) % 30000) g_log->GetLogLevel("T" + std::to_string(i));
+    }).detach();
+    for (int i = 0; i < 300; ++i) {
+      const pid_t child = fork();
+      if (child == 0) {
+        alarm(20);
+        BSP_LOG_ERROR("MOD_CHILD", "line");
+        BSP_FEED_DOG();
+        _exit(0);
+      }
+      int status = -1;
+      if (waitpid(child, &status, 0) != child || status != 0) return 2;
+    }
+    return 0;
+  };
+  test::Child module = test::Child::Fork(fork_often);
+  EXPECT_EQ(module.Wait(), 0) << module.output();
+}
+
+// A tag whose first use finds no memory, wherever that fails, is not filtered, and is tried again.
+TEST(LogClient, NewTagWithoutMemory) {
+  NEED_PRIVATE_WORLD();
+  Block block;
+  SystemLogClient client;
+  ASSERT_TRUE(client.Start("memory"));
+  client.SetLogLevel(3);
+  bool has_failed = true;
+  for (int n = 1; has_failed; ++n) {
+    const std::string tag = "a tag that does not fit in place " + std::to_string(n);
+    g_allocations_left = n;
+    const int level = client.GetLogLevel(tag.c_str());
+    has_failed = g_allocations_left <= 0;
+    g_allocations_left = INT_MAX;
+    EXPECT_TRUE(level == 3 || has_failed) << n;
+    client.GetLogLevel(tag.c_str());
+    EXPECT_EQ(client.GetLogLevel(tag.c_str()), 3) << n;
   }
 }
 

@@ -1,5 +1,6 @@
 #include "bsp/log/sys_log_cli.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -47,6 +48,10 @@ void SysLog::Stop() {
 }
 
 // ---- SystemLogClient: life
+
+std::mutex SystemLogClient::mutex_;
+const int SystemLogClient::fork_handlers_ =
+    pthread_atfork([] { mutex_.lock(); }, [] { mutex_.unlock(); }, [] { mutex_.unlock(); });
 
 SystemLogClient::SystemLogClient(const LogClientOptions& options)
     : options_(options), slotless_level_(kUnfiltered) {}

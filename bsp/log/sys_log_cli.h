@@ -137,7 +137,10 @@ class BSP_EXPORT SystemLogClient : public SysLog {
   std::atomic<ModSta*> cur_sta_ptr_{nullptr};  // null until registered; set before hdl_ opens
   std::atomic<bool> is_retired_{false};
 
-  std::mutex mutex_;  // guards the fields below, of the index the writing alone
+  // Guards the fields below, of the index the writing alone. One for all clients, since a fork has
+  // to wait for it: its child may log.
+  static std::mutex mutex_;
+  static const int fork_handlers_;
   std::map<std::string, Tag> log_mods_;
   LogTagIndex tag_index_;      // the slots for readers without a lock
   int32_t slotless_level_;     // of tags without a slot

@@ -1,7 +1,10 @@
 #include "bsp/util/time_util.h"
 
+#include <pthread.h>
+
 #include <cerrno>
 #include <cstdio>
+#include <mutex>
 
 namespace bsp {
 namespace {
@@ -16,6 +19,13 @@ int64_t Nanos(clockid_t clock) {
   return static_cast<int64_t>(now.tv_sec) * kNanosPerSecond + now.tv_nsec;
 }
 
+// The C library reads the time zone under a lock of its own that a fork does not wait for: a child
+// forked while another thread was in there would wait for it for ever at its first log line. So
+// nobody is in there when one forks.
+std::mutex g_zone_mutex;
+const int g_fork_handlers = pthread_atfork(
+    [] { g_zone_mutex.lock(); }, [] { g_zone_mutex.unlock(); }, [] { g_zone_mutex.unlock(); });
+
 }  // namespace
 
 int64_t TimeUtil::TimeMillis() { return Nanos(CLOCK_REALTIME) / kNanosPerMilli; }
@@ -26,6 +36,7 @@ int64_t TimeUtil::ClockSecond() { return Nanos(CLOCK_MONOTONIC_RAW) / kNanosPerS
 struct tm* TimeUtil::LocalTime(struct tm* out, int64_t seconds) {
   if (out == nullptr) return nullptr;
   const auto when = static_cast<time_t>(seconds != 0 ? seconds : TimeMillis() / 1000);
+  const std::lock_guard<std::mutex> lock(g_zone_mutex);
   return localtime_r(&when, out);
 }
 
