@@ -62,11 +62,12 @@ class LogTagIndex {
 
   // 64: twice the tags that can have a slot. 256: a program uses a tag from several addresses.
   static constexpr size_t kChains = 64;
-  static constexpr size_t kLiterals = 256;
+  static constexpr int kLiteralBits = 8;
+  static constexpr size_t kLiterals = size_t{1} << kLiteralBits;
 
   // The top bits of a multiplicative hash; the constant is 2^64 divided by the golden ratio.
   static size_t EntryOf(const char* tag) {
-    return (reinterpret_cast<uintptr_t>(tag) * uint64_t{0x9e3779b97f4a7c15}) >> 56;
+    return (reinterpret_cast<uintptr_t>(tag) * uint64_t{0x9e3779b97f4a7c15}) >> (64 - kLiteralBits);
   }
   static size_t ChainOf(const char* tag, size_t length);
 
