@@ -86,7 +86,9 @@ void SendUnknown() {
 // block counts at its next call. A module that never feeds becomes late, which is told once.
 TEST(Logd, FromModuleToRow) {
   NEED_PRIVATE_WORLD();
-  const std::string dir = MakeDir("[watchdog]\nmodule_0 = worker\nmodule_1 = ghost\n");
+  const std::string dir = MakeDir(
+      "[watchdog]\nmodule_0 = worker\nmodule_1 = ghost\nmodule_32 = none\n"
+      "[log_size]\nlog_ctrl_size = fade\n[logs]\nx = 1\n");
   Child logd = StartLogd(dir);
   Block block;
   bsp::ModSta* worker = &block->mods[0];
@@ -110,6 +112,10 @@ TEST(Logd, FromModuleToRow) {
   bsp::StoreWord(worker->feed_cnt, 1);  // which the next pass counts down
   while (bsp::LoadWord(worker->feed_cnt) != 0) bsp::TimeUtil::SleepMs(20);
   EndLogd(&logd);
+  for (const char* line : {"l.6: [watchdog] module_32 is unknown", "l.10: [logs] x is unknown",
+                           "l.8: log_ctrl_size = fade is read as hexadecimal, 64222"}) {
+    EXPECT_NE(logd.output().find(line), std::string::npos) << line;
+  }
   const std::string text = "it's 100% \"quoted\"; -- \xff\t";
   EXPECT_EQ(Query(dir, "level, flow_id, log FROM tbl_ctrl_log"),
             (Rows{"6 0 " + text, "2 0 system", "6 1 " + text, "2 0 system"}));
@@ -256,6 +262,24 @@ TEST(Logd, FullDisk) {
                    "WHERE log LIKE '% rows lost, the database did not store them%'"),
             2000 - kept + 100 - Number(disk, rows + "< 100"));
   umount(disk.c_str());
+}
+
+// A stream of searches leaves the loop its time.
+TEST(Logd, SearchesAreGated) {
+  NEED_PRIVATE_WORLD();
+  Child logd = StartLogd(MakeDir());
+  bsp::LogMsg ask = bsp::kLogMsgPrototype;
+  ask.type = LOG_TYPE_SEARCH;
+  ASSERT_EQ(log_init_v2(6, "asker", 0), 0);
+  for (int i = 0; i < 600; ++i) log_send_msg(&ask);
+  log_deinit();
+  EndLogd(&logd);
+  int answers = 0;
+  for (size_t at = 0; (at = logd.output().find("resp size", at)) != std::string::npos; ++at) {
+    ++answers;
+  }
+  EXPECT_GT(answers, 0);
+  EXPECT_LT(answers, 300);
 }
 
 // A burst at full speed, also one that the server sleeps through: each record is a row or counted

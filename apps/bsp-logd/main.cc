@@ -68,6 +68,8 @@ void AddOptions(CLI::App* app, Settings* settings) {
 bsp::LogSrvOptions ServerOptions(const Settings& settings) {
   bsp::LogSrvOptions options;
   if (settings.is_stock) return options;
+  options.guard_configuration = true;
+  options.gate_searches = true;
   options.adopt_block = settings.adopts;
   options.flush_at_stop = true;
   options.bind_at_start = true;

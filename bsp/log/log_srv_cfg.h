@@ -9,10 +9,13 @@
 namespace bsp {
 
 // Reads the sections "watchdog", "log_size" and "record" of the file into *cfg. What is missing,
-// the file included, has the default of LogSrvCfg; so has, with a log line, a size of 0 or below
-// and an empty path. Throws std::logic_error when the file breaks the grammar and
-// std::invalid_argument when a number is none, with file, line and fault in *error.
-void ReadLogSrvCfg(const std::string& path, LogSrvCfg* cfg, std::string* error);
+// the file included, has the default of LogSrvCfg. Throws std::logic_error when the file breaks the
+// grammar and std::invalid_argument when a number is none, with file, line and fault in *error.
+//
+// With `is_guarded`, a size of 0 or below and an empty path have their defaults, too; and these,
+// unknown sections and keys, and numbers that read as hexadecimal for their letters alone are told
+// by a log line with file and line.
+void ReadLogSrvCfg(const std::string& path, bool is_guarded, LogSrvCfg* cfg, std::string* error);
 
 }  // namespace bsp
 

@@ -37,6 +37,7 @@ namespace {
 constexpr int kTurnMs = 1000;
 constexpr int32_t kMostTextBytes = 1023;
 constexpr int64_t kMostDrainMs = 10000;
+constexpr int64_t kSearchShare = 20;
 constexpr int kMostWaiting = 8192;  // datagrams; a buffer of 4 MB holds 3600
 
 // While it exists, a late module does not stop the feeding of the device watchdog.
@@ -162,7 +163,9 @@ void SystemLogServer::TearDown() {
   Socket::Close(wake_fd_);
 }
 
-void SystemLogServer::InitLogCfg() { ReadLogSrvCfg(kLogSrvCfgFile, &cfg_, &error_); }
+void SystemLogServer::InitLogCfg() {
+  ReadLogSrvCfg(kLogSrvCfgFile, options_.guard_configuration, &cfg_, &error_);
+}
 
 // ---- The loop
 
@@ -394,11 +397,19 @@ void SystemLogServer::LogMsgProc(LogMsg& msg) {
       if (wdg_) wdg_->FeedModuleWatchDog(msg.mod_name);
       break;
     case LOG_TYPE_SEARCH:
-      Search();
+      GateSearch();
       break;
     default:
       store_->Record(msg);
   }
+}
+
+void SystemLogServer::GateSearch() {
+  const int64_t begin = TimeUtil::ClockMillis();
+  if (options_.gate_searches && begin < search_time_) return;
+  Search();
+  const int64_t end = TimeUtil::ClockMillis();
+  search_time_ = end + kSearchShare * std::max<int64_t>(end - begin, 1);
 }
 
 // A look at the store for whoever reads our log lines.

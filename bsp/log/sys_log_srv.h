@@ -33,6 +33,14 @@ struct LogSrvOptions {
   // store is opened first, so that a Start that fails changes nothing in the block.
   bool adopt_block = false;
 
+  // Sizes and paths of the configuration that make no sense have their defaults; these, and unknown
+  // sections and keys, are told by log lines with file and line.
+  bool guard_configuration = false;
+
+  // A search datagram is answered only while searches take less than a twentieth of the loop's
+  // time: a stream of them would keep it from all else.
+  bool gate_searches = false;
+
   // Stop lets no more datagrams in, stores those that have reached the socket and commits the open
   // batch: it loses no row.
   bool flush_at_stop = false;
@@ -109,8 +117,8 @@ class BSP_EXPORT SystemLogServer : public SysLog {
   // Ends the loop, returns when it has left, and closes everything.
   void Stop() override;
 
-  // Reads "./com_srv_app.ini" of the working directory into cfg(). What is missing, and a size or
-  // path that makes no sense, has the default of LogSrvCfg. Throws std::logic_error when the file
+  // Reads "./com_srv_app.ini" of the working directory into cfg(). What is missing has the default
+  // of LogSrvCfg; see also guard_configuration. Throws std::logic_error when the file
   // breaks the grammar (also std::invalid_argument, when a number is none), with file, line and
   // fault in error().
   void InitLogCfg();
@@ -156,6 +164,7 @@ class BSP_EXPORT SystemLogServer : public SysLog {
   void TellSpared(const std::vector<LateModule>& spared);
   void LookAtDrops(int64_t now);
   void Drain();
+  void GateSearch();
   void Search();
   void RecordLate(const std::string& text);
   void RecordOwn(int32_t level, const std::string& text);
@@ -178,6 +187,7 @@ class BSP_EXPORT SystemLogServer : public SysLog {
   int64_t second_ = 0;           // ClockSecond of what is done once a second
   uint32_t drops_ = 0;           // drops of records seen so far
   uint32_t feed_drops_ = 0;      // and of feeds
+  int64_t search_time_ = 0;      // ClockMillis from which a search may run, with gate_searches
   bool has_refused_ = false;     // a foreign sender has been told of
 
   std::mutex loop_mutex_;  // guards the two below
