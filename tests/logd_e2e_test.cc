@@ -7,6 +7,7 @@
 #include <cstring>
 #include <filesystem>
 #include <random>
+#include <vector>
 
 #include "bsp/log/log.h"
 #include "bsp/log/status_block.h"
@@ -280,6 +281,51 @@ TEST(Logd, SearchesAreGated) {
   }
   EXPECT_GT(answers, 0);
   EXPECT_LT(answers, 300);
+}
+
+// Eight modules that feed in time are never told late, whatever happens to the server: a module
+// that logs at full speed all the time, a stall longer than their time-outs, a kill, a full disk.
+TEST(Logd, HealthyModulesAreNeverLate) {
+  NEED_PRIVATE_WORLD();
+  constexpr int kTimeoutSeconds = 8;
+  const std::string dir = MakeDir("", "size=4m");
+  Child logd = StartLogd(dir, {"--log-level=3"});
+  std::vector<Child> modules;
+  for (int i = 0; i < 8; ++i) {
+    modules.push_back(Child::Fork([i] {
+      if (log_init_v2(6, ("healthy" + std::to_string(i)).c_str(), 0) != 0) return 1;
+      log_set_timeout(kTimeoutSeconds);
+      for (;; bsp::TimeUtil::SleepMs(500)) BSP_FEED_DOG();
+    }));
+    EXPECT_TRUE(modules.back().WaitForLine("log level"));
+  }
+  const Child flood = Child::Fork([] {
+    if (log_init_v2(6, "flood", 0) != 0) return 1;
+    log_set_timeout(3600);
+    for (int i = 0;; ++i) BSP_TRACE(i, i, "%1000d", i);
+  });
+  logd.Signal(SIGSTOP);
+  bsp::TimeUtil::SleepMs((kTimeoutSeconds + 3) * 1000);
+  logd.Signal(SIGCONT);
+  bsp::TimeUtil::SleepMs(6000);
+  logd.Signal(SIGKILL);
+  logd.Wait();
+  Child again = StartLogd(dir, {"--log-level=3"});  // the disk is filled by now, or soon
+  bsp::TimeUtil::SleepMs((kTimeoutSeconds + 6) * 1000);
+  flood.Signal(SIGKILL);
+  Block block;
+  std::string last;
+  for (const bsp::ModSta& mod : block->mods) {
+    const std::string name = bsp::NameOf(mod.mod_name);
+    if (name.find("healthy") == 0) last += std::to_string(bsp::LoadWord(mod.timeout));
+  }
+  EXPECT_EQ(last, "88888888");
+  EXPECT_TRUE(again.WaitForLine("full"));
+  EndLogd(&again);
+  for (const std::string& output : {logd.output(), again.output()}) {
+    EXPECT_EQ(output.find("timeout log"), std::string::npos) << output.substr(0, 3000);
+  }
+  umount(dir.c_str());
 }
 
 // A burst at full speed, also one that the server sleeps through: each record is a row or counted
