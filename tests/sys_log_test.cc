@@ -103,7 +103,12 @@ TEST(LogClient, LongNames) {
   EXPECT_FALSE(SystemLogClient().Start(std::string(33, 'n')));
   EXPECT_FALSE(SystemLogClient().Start(""));
   const std::string name(30, 'n');
-  for (const char* more : {"nn", "n", ""}) EXPECT_TRUE(SystemLogClient().Start(name + more));
+  const FrozenClock clock;
+  for (const char* more : {"nn", "n", ""}) {
+    block->mods[0].feed_time = 5;
+    EXPECT_TRUE(SystemLogClient().Start(name + more));
+  }
+  EXPECT_EQ(block->mods[0].feed_time, test::kFrozen);      // a start counts as a feed
   EXPECT_EQ(Told(block->mods[0]), name + " 1 1 20 0  6");  // found by the third
   EXPECT_EQ(Told(block->mods[1]), name + " 1 0 20 0  6");
   EXPECT_EQ(Told(block->mods[2]), " 0 0 0 0  0");
@@ -376,6 +381,25 @@ TEST(LogClient, OneNameTakesOneRecord) {
     EXPECT_EQ(NameOf(block->mods[0].mod_name), "same");
     EXPECT_EQ(NameOf(block->mods[1].mod_name), "") << "round " << round;
   }
+}
+
+// A registration that the server's start overtakes between claim and name starts over: no field of
+// its record is one that was wiped.
+TEST(LogClient, ClearedBeforeItsName) {
+  NEED_PRIVATE_WORLD();
+  Block block;
+  const int stranger = semget(0x64000000, 1, IPC_CREAT | 0600);  // no lock can be had
+  bsp::LogSrvCfg cfg;
+  SystemLogClient client;
+  test::g_on_clock = [&] {
+    SysWdg(cfg).Init(block.ptr());
+    test::g_on_clock = [] {};
+  };
+  EXPECT_TRUE(client.Start("module"));
+  test::g_on_clock = nullptr;
+  semctl(stranger, 0, IPC_RMID);
+  EXPECT_EQ(Told(block->mods[0]), "module 1 0 20 0  6");
+  EXPECT_EQ(NameOf(block->mods[1].mod_name), "");
 }
 
 // A start of the server that overtakes a registration leaves it whole or not at all, also where no
@@ -687,6 +711,46 @@ TEST(LogServer, StopInAnyOrder) {
     loop.join();
     EXPECT_EQ(server.Table("tbl_bus_log").size(), 60u);
   }
+}
+
+// What comes after Stop has begun is not let in.
+TEST(LogServer, StopSealsTheSocket) {
+  NEED_PRIVATE_WORLD();
+  Server server;
+  Sender sender;
+  sender.Send(LOG_TYPE_BUS, "before");
+  int looks = 0;
+  test::g_on_clock = [&] {  // the first look is before the seal
+    if (++looks > 1 && looks < 20) sender.Send(LOG_TYPE_BUS, "after");
+  };
+  server.Stop();
+  test::g_on_clock = nullptr;
+  EXPECT_GT(looks, 1);
+  EXPECT_EQ(server.Table("tbl_bus_log"), Rows{"6 3 -4 before"});
+}
+
+// With one datagram a turn, a turn whose datagram has a bad length ends at once: no pass is run,
+// however long it is due, until another turn comes.
+TEST(LogServer, StockTurnEndsAtABadLength) {
+  NEED_PRIVATE_WORLD();
+  const FrozenClock clock;
+  Device device;
+  Sender sender;
+  bsp::LogSrvOptions options;
+  options.watchdog_device = device.path;
+  std::atomic<int> turns{0};
+  std::string written;
+  options.on_turn = [&] {
+    if (turns == 0) test::g_clock_shift += 5;
+    if (++turns < 50) sender.Send(LOG_TYPE_BUS, "", -1);  // so that the next turn has one
+    if (turns == 50) written = device.Written();
+  };
+  Server server(options);
+  server.Loop();
+  sender.Send(LOG_TYPE_BUS, "", -1);
+  while (turns < 52) TimeUtil::SleepMs(1);
+  EXPECT_EQ(written, "");
+  EXPECT_EQ(device.Written(), ".");
 }
 
 // The device is fed while no module is late; a late one stops that, each override resumes it, both

@@ -8,6 +8,8 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <functional>
+#include <utility>
 
 namespace test {
 
@@ -21,14 +23,26 @@ struct FrozenClock {
   ~FrozenClock() { g_clock_shift = 0; }
 };
 
+// Called at each look at that clock by this thread: a place to interfere in the midst of an
+// operation. Off while it runs.
+inline thread_local std::function<void()> g_on_clock;
+
+inline void CallOnClock() {
+  const std::function<void()> call = std::exchange(g_on_clock, nullptr);
+  if (!call) return;
+  call();
+  if (!g_on_clock) g_on_clock = call;
+}
+
 }  // namespace test
 
 // In front of the C library's.
 extern "C" int clock_gettime(clockid_t clock, struct timespec* now) noexcept {
   const int result = static_cast<int>(syscall(SYS_clock_gettime, clock, now));
   const time_t shift = test::g_clock_shift;
-  if (clock == CLOCK_MONOTONIC_RAW)
-    now->tv_sec = shift < test::kFrozen ? now->tv_sec + shift : shift;
+  if (clock != CLOCK_MONOTONIC_RAW) return result;
+  now->tv_sec = shift < test::kFrozen ? now->tv_sec + shift : shift;
+  test::CallOnClock();
   return result;
 }
 
