@@ -56,9 +56,11 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
 // Allocations of this thread until one fails.
 static thread_local int g_allocations_left = INT_MAX;
 
+__attribute__((noinline)) void* operator new(size_t size, const std::nothrow_t&) noexcept {
+  return g_allocations_left != INT_MAX && --g_allocations_left == 0 ? nullptr : malloc(size);
+}
 __attribute__((noinline)) void* operator new(size_t size) {
-  if (g_allocations_left != INT_MAX && --g_allocations_left == 0) throw std::bad_alloc();
-  void* memory = malloc(size);
+  void* memory = operator new(size, std::nothrow);
   if (memory == nullptr) throw std::bad_alloc();
   return memory;
 }
