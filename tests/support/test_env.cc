@@ -48,6 +48,8 @@ std::string EnterPrivateWorld() {
   }
   if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return Refused("mounts");
   if (mount("tmpfs", "/mnt", "tmpfs", 0, nullptr) != 0) return Refused("tmpfs on /mnt");
+  // Best effort: no closed connection lingers on an address that the next test wants.
+  std::ofstream("/proc/sys/net/ipv4/tcp_max_tw_buckets") << "0";
   return BringLoopbackUp() ? std::string() : Refused("loopback");
 }
 
