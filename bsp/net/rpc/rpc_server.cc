@@ -396,10 +396,7 @@ bool RpcServer::HandleNextFrame(const AgentPtr& agent,
   BSP_LOG_DEBUG(MOD_BSP, "package size: %d", head.size);
   BSP_LOG_DEBUG(MOD_BSP, "read package size: %d", head.size);
   bytes_since_tick_ += size;
-  if (bytes_since_tick_ > kCalmBytes && options_.release_memory) {
-    is_release_due_ = true;
-    NoteTick();
-  }
+  NoteFreed(size);
   NoteMoment();
   agent->last_active = static_cast<uint64_t>(now_us_ / 1000);
   HandleFrame(agent, frame);
@@ -516,6 +513,7 @@ void RpcServer::CliClose(const std::shared_ptr<TcpClient>& client) {
   ForgetCalls(agent.get());
   cmds_->Remove(agent);
   clients_.erase(found);
+  NoteFreed(agent->account.held_bytes());
   agent->account.Set(PeerAccount::kCommands, 0);
   agent->account.Close();
   flow_->Forget(agent.get());
@@ -837,7 +835,7 @@ void RpcServer::Tick() {
   TellRefused();
   ReleaseMemory();
   if (options_.on_tick) options_.on_tick();
-  if (options_.on_tick || flow_->IsAnyStuck() || is_release_due_) NoteTick();
+  if (options_.on_tick || flow_->IsAnyStuck() || IsReleaseDue()) NoteTick();
 }
 
 void RpcServer::DropStalled() {
@@ -869,14 +867,24 @@ void RpcServer::TellRefused() {
                sender != clients_.end() ? sender->second->pid : -1);
 }
 
+// Memory that the allocator may hold on to now.
+void RpcServer::NoteFreed(size_t bytes) {
+  freed_bytes_ += bytes;
+  if (freed_bytes_ > kCalmBytes && options_.release_memory) NoteTick();
+}
+
 void RpcServer::ReleaseMemory() {
   const bool is_calm = bytes_since_tick_ <= kCalmBytes;
   bytes_since_tick_ = 0;
-  if (!is_release_due_ || !is_calm) return;
-  is_release_due_ = false;
+  if (!IsReleaseDue() || !is_calm) return;
+  freed_bytes_ = 0;
   recv_buf_->Release();
   calls_->Shrink();
   malloc_trim(0);
+}
+
+bool RpcServer::IsReleaseDue() const {
+  return options_.release_memory && freed_bytes_ > kCalmBytes;
 }
 
 }  // namespace bsp

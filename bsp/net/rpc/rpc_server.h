@@ -242,6 +242,8 @@ class BSP_EXPORT RpcServer : public sigslot::has_slots<sigslot::single_threaded>
   void Tick();
   void DropStalled();
   void TellRefused();
+  void NoteFreed(size_t bytes);
+  bool IsReleaseDue() const;
   void ReleaseMemory();
 
   const ProcessMark process_;
@@ -264,7 +266,7 @@ class BSP_EXPORT RpcServer : public sigslot::has_slots<sigslot::single_threaded>
   int64_t now_us_ = 0;             // of the frame in hand
   uint64_t tick_ = 0;              // the noted call of Tick; 0: none
   size_t bytes_since_tick_ = 0;
-  bool is_release_due_ = false;
+  size_t freed_bytes_ = 0;  // since memory was released last
   Totals totals_;
   Totals told_;  // the part of totals_ that stands in the log
   RpcHeader last_refused_ = {};
