@@ -70,11 +70,10 @@ size_t StoredLength(const std::string& name) {
   return std::min(strlen(name.c_str()), kMostNameChars);
 }
 
-// Whether this is the name as the block stores it. On the road of every record, so without heap.
 bool Holds(const char (&field)[32], const std::string& name) {
   char stored[33];
   const size_t length = CopyName(field, stored);
-  return length == StoredLength(name) && memcmp(stored, name.c_str(), length) == 0;
+  return IsStoredName(stored, length, name);
 }
 
 bool IsLevel(int32_t level) { return level >= BSP_LEVEL_EMERG && level <= BSP_LEVEL_DEBUG; }
@@ -191,6 +190,10 @@ Registration RegisterModule(SystemStatus* sta, const std::string& name, const Mo
   const RegistrationLock lock;
   const int known = FindModule(*sta, name);
   return known != -1 ? Registration{known, true} : Registration{Claim(sta, name, start), false};
+}
+
+bool IsStoredName(const char (&stored)[33], size_t length, const std::string& name) {
+  return length == StoredLength(name) && memcmp(stored, name.c_str(), length) == 0;
 }
 
 bool IsRecordOf(const ModSta& mod, const std::string& name) { return Holds(mod.mod_name, name); }

@@ -53,7 +53,11 @@ struct Registration {
 // the same moment, each name gets one record and each record one name.
 Registration RegisterModule(SystemStatus* sta, const std::string& name, const ModuleStart& start);
 
-// Whether the record belongs to the module of this name, as the block stores it.
+// Whether a name as CopyName gives it, `length` bytes, is this one, of which the block stores no
+// more than 30 characters. Without heap.
+bool IsStoredName(const char (&stored)[33], size_t length, const std::string& name);
+
+// Whether the record belongs to the module of this name.
 bool IsRecordOf(const ModSta& mod, const std::string& name);
 
 // The module of this record has come up again: one feed, just now.

@@ -300,9 +300,10 @@ void SystemLogClient::NameSender(LogMsg* msg) const {
   // An empty name copies nothing, and the sender's own must not travel in its place.
   memset(msg->mod_name, 0, sizeof msg->mod_name);
   const ModSta* mod = cur_sta_ptr_;
-  if (mod == nullptr || (options_.keep_registered && !IsOwn(*mod))) return;
+  if (mod == nullptr) return;
   char name[33];
-  CopyName(mod->mod_name, name);
+  const size_t length = CopyName(mod->mod_name, name);
+  if (options_.keep_registered && !IsStoredName(name, length, mod_name_)) return;
   StringHelper::Copy(msg->mod_name, sizeof msg->mod_name, name);
 }
 
