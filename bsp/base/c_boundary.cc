@@ -14,7 +14,8 @@ void LogThrown(const char* function, const char* what) {
 
 }  // namespace
 
-int bsp::FailForC(const char* function, int result) {
+// The unwinding of a thread is caught as a reference to nothing, by design of the runtime.
+__attribute__((no_sanitize("undefined"))) int bsp::FailForC(const char* function, int result) {
   try {
     throw;
 #ifdef __GLIBCXX__
