@@ -10,8 +10,19 @@ namespace impl {
 
 int32_t Utils<void>::create_flags = kCreateIfMissing;
 int32_t Utils<void>::log_level = 0;
-std::function<void(LogLevel, const char*)>& Utils<void>::log_func =
-    *new std::function<void(LogLevel, const char*)>;
+
+namespace {
+
+// Nobody runs the destructor of a member.
+union NeverDestroyed {
+  NeverDestroyed() : func() {}
+  ~NeverDestroyed() {}  // NOLINT(modernize-use-equals-default): that one would be deleted
+  std::function<void(LogLevel, const char*)> func;
+} g_hook;
+
+}  // namespace
+
+std::function<void(LogLevel, const char*)>& Utils<void>::log_func = g_hook.func;
 
 void Utils<void>::Log(LogLevel level, const char* fmt, ...) {
   if (level > log_level || !log_func) return;
