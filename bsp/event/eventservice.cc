@@ -13,7 +13,7 @@
 // at once. What the queue holds by then does not matter: whoever moved the new message on inside
 // it, another post or a Clear, did not move the time at which the thread gets up.
 //
-// A message that is due behind that time wakes nobody and costs no lock. A signal takes the
+// A message that is due after that time wakes nobody and costs no lock. A signal takes the
 // announcement back, so that a burst of posts costs one signal rather than one each.
 //
 // Behind the last message the thread looks out for the next one for 2 microseconds, the cost of one
@@ -121,9 +121,10 @@ EventService::EventService() : queue_(std::make_unique<MessageQueue>()) {}
 
 EventService::~EventService() {
   if (IsForeign()) {
-    // The thread, which is not here, may have been at work on the queue.
+    // The thread, which is not here, may have been at work on the queue; and its object would ask
+    // to be joined.
     static_cast<void>(queue_.release());
-    static_cast<void>(new std::thread(std::move(thread_)));  // a thread object asks to be joined
+    static_cast<void>(new (std::nothrow) std::thread(std::move(thread_)));
     return;
   }
   Stop();
@@ -291,7 +292,7 @@ void EventService::WakeSleepers(int64_t when) {
 
 void EventService::Clear(int id) {
   if (id < 0 || Refuses("Clear")) return;
-  MessageQueue removed;  // destroyed behind the lock: what messages hold may post in turn
+  MessageQueue removed;  // destroyed after the lock: what messages hold may post in turn
   const std::lock_guard<PiMutex> lock(queue_mutex_);
   if (id == 0) {
     queue_->RemoveAll(&removed);

@@ -43,6 +43,8 @@ struct QueuedMessage;
 //
 // A child that is forked while the thread runs has the object, but not the thread: every call there
 // is refused with a line in the log, and the destructor leaves all to the parent.
+//
+// NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding): fields stand by who writes them
 class BSP_EXPORT EventService {
  public:
   EventService();  // for Create; priority 50 and no name
@@ -63,7 +65,7 @@ class BSP_EXPORT EventService {
   // Code -1 when the service runs already or the system grants no thread; nothing is changed then.
   std::shared_ptr<MSError> Start();
 
-  // Ends the thread behind the message that it runs at the moment, and waits for that. Messages
+  // Ends the thread after the message that it runs at the moment, and waits for that. Messages
   // that wait stay in the queue. On the service's own thread it does not wait: the thread ends when
   // the handler has returned. Without a running thread it does nothing.
   void Stop();

@@ -22,7 +22,7 @@
 // and only gets slower. An array as heap was rejected for its doubling, which can fail and stops
 // everybody for milliseconds; a pairing heap for single steps that are linear; a linked queue as
 // inbox because a poster that is preempted half way hides the finished posts of others, and a
-// Clear behind such a post would miss it.
+// Clear after such a post would miss it.
 #ifndef BSP_EVENT_MESSAGE_QUEUE_H_
 #define BSP_EVENT_MESSAGE_QUEUE_H_
 
