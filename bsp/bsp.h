@@ -11,7 +11,6 @@
 #include "bsp/base/macros.h"
 
 // ---- Log records
-// ---------------------------------------------------------------------------------
 
 #define BSP_LOG_MAGIC 0xaa55aa55u
 
@@ -61,7 +60,6 @@ enum {
 };
 
 // ---- Logging
-// -------------------------------------------------------------------------------------
 
 #ifdef __cplusplus
 namespace bsp {
@@ -181,7 +179,6 @@ static inline void bsp_log_drop(const char* module, const char* fmt, ...) {
 #define BSP_FEED_DOG() _log_feed_dog(BSP_FILE, __func__, __LINE__, "feed")
 
 // ---- RPC bus
-// -------------------------------------------------------------------------------------
 
 // What a frame is; the first two are also the kinds of a command.
 enum {
@@ -306,7 +303,6 @@ BSP_EXPORT int rpc_client_c_send_reply(void* rpc_cli, const RpcHeader* head, con
 #endif
 
 // ---- System property store
-// -----------------------------------------------------------------------
 
 // A table of 128 properties that all processes share and that lasts until the machine restarts.
 // Values are raw bytes whose length is not stored. A key of at most 31 bytes names the first
@@ -341,7 +337,6 @@ BSP_EXPORT void system_property_dump(void);
 #endif
 
 // ---- Event cache
-// ---------------------------------------------------------------------------------
 
 // A bounded number of events in shared memory, each with a small info record and a larger data
 // record under one key. One process writes and decides what to evict; others read without a lock.

@@ -20,7 +20,8 @@
 
 // 128 slots in the segment "0x66000000", which the first process creates and which stays until the
 // machine restarts. A slot once taken stays taken. No length of a value is stored: a reader names
-// the bytes that it wants, and behind the last Set it finds zeros or the rest of an older value.
+// the bytes that it wants, and after those of the last Set it finds zeros or the rest of an older
+// value.
 //
 // A key names the first slot whose key begins with it: the key "ab" finds "abc" when that slot
 // comes first. Use keys of which none begins with another.

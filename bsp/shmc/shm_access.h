@@ -38,10 +38,10 @@ void Store(volatile T* field, V value) {
 #pragma GCC diagnostic ignored "-Wtsan"
 #endif
 
-// All loads before stay before all loads and stores behind. Partner: ReleaseFence of the writer.
+// All loads before stay before all loads and stores after. Partner: ReleaseFence of the writer.
 inline void AcquireFence() { __atomic_thread_fence(__ATOMIC_ACQUIRE); }
 
-// All loads and stores before stay before all stores behind. Partner: AcquireFence of a reader.
+// All loads and stores before stay before all stores after. Partner: AcquireFence of a reader.
 inline void ReleaseFence() { __atomic_thread_fence(__ATOMIC_RELEASE); }
 
 #if defined(__SANITIZE_THREAD__) && !defined(__clang__)

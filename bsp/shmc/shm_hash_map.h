@@ -10,7 +10,7 @@
 //   its key, and loads link_buf again. Equal, all 64 bits: no string comes twice under the same
 //   name, so that the copy is whole (shm_link_table.h tells which fences pair), and the key that
 //   was seen is that of the string: the writer stores a key into a free cell only, and so after the
-//   withdrawal of what stood there and the fence behind that. Else it tries again, at most 64
+//   withdrawal of what stood there and the fence after that. Else it tries again, at most 64
 //   times: each failure means that the writer replaced this very value once more.
 //
 // Rejected: a sequence number a cell, which makes readers wait for a writer that died between its

@@ -107,7 +107,7 @@ class BSP_EXPORT ShmHashTable {
   static constexpr size_t kMaxRows = 100;
   static constexpr size_t kMaxCapacity = 0xcccccccc;  // so that all cells count in 32 bits
   static constexpr size_t kRatio = 60;
-  static constexpr size_t kGroup = 4;  // rows that are looked at together; few keys lie behind them
+  static constexpr size_t kGroup = 4;  // rows that are looked at together; later ones hold few keys
 
   struct Row {
     size_t mod = 0;      // usable cells: the largest prime not above `size`

@@ -30,7 +30,7 @@ class BSP_EXPORT SVIPCMutex {
   // not held then.
   int Lock() const;
 
-  // The same, at most for so long; -1 with EAGAIN behind that. The kernel takes the lock back from
+  // The same, at most for so long; -1 with EAGAIN after that. The kernel takes the lock back from
   // a process that ends, but not from one that calls exec while one of its threads is inside: the
   // new program then holds it for all its life.
   int LockFor(int timeout_ms) const;

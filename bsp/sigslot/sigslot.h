@@ -18,7 +18,7 @@
 // as a record on the stack, with the position where its walk goes on, in a chain that hangs on the
 // signal. Taking a connection out moves the records that were about to go on there to the place
 // behind it; the death of the signal marks the records, and their walks then end without touching
-// it. A connection that is freed during its own call is safe because nothing of it is read behind
+// it. A connection that is freed during its own call is safe because nothing of it is read after
 // the call.
 //
 // The walk takes the next position before each call. So a slot that is connected while the last one
@@ -172,7 +172,7 @@ class _connection2 : public _connection_base2<a1, a2, mt_policy> {
 
   has_slots_interface* getdest() const override { return object_; }
 
-  // The slot may free this connection: nothing of it is read behind the call.
+  // The slot may free this connection: nothing of it is read after the call.
   void emit(a1 first, a2 second) override {
     (object_->*member_)(std::forward<a1>(first), std::forward<a2>(second));
   }

@@ -1,6 +1,6 @@
 // The pool keeps up to eight freed blocks and as many pieces of memory for the control blocks of
 // their shared pointers, so that a block in circulation costs two or three short locks and no
-// allocation. The control block cannot lie beside its block: it lives on for a moment behind the
+// allocation. The control block cannot lie beside its block: it lives on for a moment after the
 // deleter that hands the block to its next user.
 #include <algorithm>
 #include <cstdio>

@@ -11,7 +11,7 @@ __thread bool BlockStash::t_is_gone_ = false;
 
 BlockStash::BlockStash() { t_mine_ = this; }
 
-// The warm block goes to the pool with its pointer, behind this.
+// The warm block goes to the pool with its pointer, after this.
 BlockStash::~BlockStash() {
   t_mine_ = nullptr;
   t_is_gone_ = true;

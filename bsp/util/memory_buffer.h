@@ -123,7 +123,7 @@ class BSP_EXPORT BlockManager {
 // stays with the thread for the next write; it counts as returned to the pool.
 //
 // Whole blocks move and are shared by reference. A block that stands in two buffers changes for
-// both: behind AppendBuffer(other) use `other` no more, behind ReplaceString2Buffer not the
+// both: after AppendBuffer(other) use `other` no more, after ReplaceString2Buffer not the
 // replacement.
 //
 // A null pointer argument leaves everything as it was: the call answers 0, false or the end, and an
@@ -149,7 +149,7 @@ class BSP_EXPORT MemoryBuffer {
   size_t SizeByEncode() const;
 
   // The chain itself, to look at or to change. A buffer whose blocks can be seen from outside
-  // (behind blocks, GetPostion, AppendBlock, AppendBuffer and ReplaceString2Buffer) moves bytes at
+  // (after blocks, GetPostion, AppendBlock, AppendBuffer and ReplaceString2Buffer) moves bytes at
   // each read; all others put that off.
   Chain& blocks();
 
