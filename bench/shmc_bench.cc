@@ -492,7 +492,7 @@ void MeasureInit() {
 }  // namespace
 
 void RegisterBenchmarks() {
-  RegisterSize<64>("64 B", 0.6, 0.6);
+  RegisterSize<64>("64 B", 0.7, 0.66);
   RegisterSize<1024>("1 KiB", 0.9, 0.9);
   for (const size_t count : {100, 10000, 1000000}) {
     bench::Single("FindC 64 B among " + std::to_string(count),
