@@ -137,10 +137,15 @@ void FrameInput::Discard(const std::shared_ptr<MemoryBuffer>& buffer, const RpcH
   }
 }
 
-void FrameInput::GiveUp() {
-  if (!IsUnderWay()) return;
-  skip_ = large_size_ - large_held_;
-  EndLarge();
+bool FrameInput::GiveUp(const std::shared_ptr<MemoryBuffer>& buffer, RpcHeader* head) {
+  if (Look(buffer, head) != RpcFrameState::kIncomplete) return false;
+  if (IsUnderWay()) {
+    skip_ = large_size_ - large_held_;
+    EndLarge();
+  } else {
+    Skip(buffer, static_cast<size_t>(head->size));
+  }
+  return true;
 }
 
 void FrameInput::EndLarge() {

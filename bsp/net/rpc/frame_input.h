@@ -125,12 +125,9 @@ class FrameInput : public ByteSink {
   // Bytes of memory held by a large frame under way, in full from its head on.
   size_t LargeBytes() const { return large_ != nullptr ? large_size_ : 0; }
 
-  // The head of a large frame of which bytes are still to come; null without one.
-  const RpcHeader* UnderWay() const { return IsUnderWay() ? &large_head_ : nullptr; }
-  size_t ReceivedBytes() const { return large_held_; }
-
-  // Throws a large frame under way away: its memory now, its bytes as they come.
-  void GiveUp();
+  // Throws the frame of which bytes are still to come away, its memory now, its bytes as they come,
+  // and fills *head. False when there is none.
+  bool GiveUp(const std::shared_ptr<MemoryBuffer>& buffer, RpcHeader* head);
 
   char* Room(const std::shared_ptr<MemoryBuffer>& buffer, size_t* room) override;
   bool Took(size_t count) override;

@@ -14,6 +14,7 @@
 
 namespace bsp {
 
+class MemoryBuffer;
 class TcpClient;
 
 // Threads: the broker's.
@@ -40,6 +41,7 @@ struct RpcAgent : public std::enable_shared_from_this<RpcAgent> {
   Backlog backlog;
   CallTable::Peer calls{this};
   std::shared_ptr<FrameInput> input;
+  std::shared_ptr<MemoryBuffer> received;  // its buffer, from the first delivery on
 
   int64_t last_input_ms = 0;  // EventLoop::NowMs at the last delivery
   bool is_dropped = false;    // gets nothing more: closed, or to be closed behind the delivery

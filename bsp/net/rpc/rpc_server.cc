@@ -338,6 +338,7 @@ void RpcServer::CliHandleMessage(std::shared_ptr<TcpClient> client,
   AgentPtr agent = AgentOf(client);
   if (agent != nullptr) {
     agent->last_input_ms = EventLoop::NowMs();
+    if (agent->received != buffer) agent->received = buffer;
     if (agent->is_waiting && !client->IsEnding()) return;
     agent->is_waiting = false;
   }
@@ -548,7 +549,7 @@ Admission RpcServer::AdmitLarge(const AgentPtr& agent, const RpcHeader& head) {
   if (options_.max_frame_bytes != 0 && size > options_.max_frame_bytes) {
     return Admission::kWait;  // HandleNextFrame drops the sender
   }
-  if (!agent->account.Admits(size)) GiveUpStandingStill();
+  if (!agent->account.Admits(size)) ReclaimMemory();
   const Admission admission = flow_->AdmitLarge(agent, size);
   if (admission == Admission::kRefuse) Refuse(agent, head);
   return admission;
@@ -577,16 +578,24 @@ void RpcServer::Refuse(const AgentPtr& agent, const RpcHeader& head) {
   }
 }
 
-// Large frames under way of which nothing comes any more give their memory to others.
-void RpcServer::GiveUpStandingStill() {
+// What nobody waits for gives its memory to others: frames of which nothing comes any more, and
+// bytes that are no frame and never will be.
+void RpcServer::ReclaimMemory() {
   const int64_t now_ms = EventLoop::NowMs();
   for (const auto& entry : clients_) {
     const AgentPtr& agent = entry.second;
-    const RpcHeader* const head = agent->input->UnderWay();
-    if (head == nullptr || now_ms - agent->last_input_ms < kStandStillMs) continue;
-    Refuse(agent, *head);
-    agent->input->GiveUp();
-    agent->account.Set(PeerAccount::kLarge, 0);
+    const bool is_small = agent->account.held_bytes() <= Budget::kAllowanceBytes;
+    if (is_small || agent->is_dropped || agent->received == nullptr) continue;
+    RpcHeader head;
+    const RpcFrameState state = agent->input->Look(agent->received, &head);
+    if (state == RpcFrameState::kWrongMagic) {
+      Drop(agent, "unread bytes, memory is short", Budget::kAllowanceBytes,
+           agent->received->size());
+    }
+    const bool stands_still = now_ms - agent->last_input_ms >= kStandStillMs;
+    if (!stands_still || !agent->input->GiveUp(agent->received, &head)) continue;
+    Refuse(agent, head);
+    BookInput(agent.get(), *agent->received);
   }
 }
 
