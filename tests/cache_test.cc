@@ -420,8 +420,8 @@ TEST_F(Cache, StoresOutliveExitHandlers) {
   }
 }
 
-// Whatever a module's log hook throws ends in the C function, which fails in order; a thread that is
-// cancelled in one still ends.
+// Whatever a module's log hook throws ends in the C function, which fails in order; a thread that
+// is cancelled in one still ends.
 TEST_F(Cache, NothingIsThrownThroughC) {
   const std::string out = InOwnWorld([] {
     using Utils = shmc::impl::Utils<void>;
