@@ -485,8 +485,20 @@ void RpcServer::BookInput(RpcAgent* agent, const MemoryBuffer& buffer) {
   agent->account.Set(PeerAccount::kLarge, large);
   if (is_freed) flow_->Retry();
   if (buffer.size() > 0 && !agent->is_waiting && agent->account.IsOver()) {
-    Drop(agent->shared_from_this(), "memory bytes in all", budget_->limit_bytes(),
-         budget_->used_bytes());
+    Reclaim(agent->shared_from_this());
+  }
+}
+
+// The frame under way is refused, and the rest of its bytes thrown away as it comes. Who sends no
+// frames is dropped.
+void RpcServer::Reclaim(const AgentPtr& agent) {
+  RpcHeader head;
+  if (agent->input->GiveUp(agent->received, &head)) {
+    agent->account.Set(PeerAccount::kInput, agent->received->size());
+    agent->account.Set(PeerAccount::kLarge, 0);
+    Refuse(agent, head);
+  } else if (agent->input->Look(agent->received, &head) == RpcFrameState::kWrongMagic) {
+    Drop(agent, "unread bytes, memory is short", Budget::kAllowanceBytes, agent->received->size());
   }
 }
 
@@ -587,15 +599,9 @@ void RpcServer::ReclaimMemory() {
     const bool is_small = agent->account.held_bytes() <= Budget::kAllowanceBytes;
     if (is_small || agent->is_dropped || agent->received == nullptr) continue;
     RpcHeader head;
-    const RpcFrameState state = agent->input->Look(agent->received, &head);
-    if (state == RpcFrameState::kWrongMagic) {
-      Drop(agent, "unread bytes, memory is short", Budget::kAllowanceBytes,
-           agent->received->size());
-    }
-    const bool stands_still = now_ms - agent->last_input_ms >= kStandStillMs;
-    if (!stands_still || !agent->input->GiveUp(agent->received, &head)) continue;
-    Refuse(agent, head);
-    BookInput(agent.get(), *agent->received);
+    const bool is_garbage =
+        agent->input->Look(agent->received, &head) == RpcFrameState::kWrongMagic;
+    if (is_garbage || now_ms - agent->last_input_ms >= kStandStillMs) Reclaim(agent);
   }
 }
 

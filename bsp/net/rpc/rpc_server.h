@@ -215,6 +215,7 @@ class BSP_EXPORT RpcServer : public sigslot::has_slots<sigslot::single_threaded>
   Admission AdmitLarge(const AgentPtr& agent, const RpcHeader& head);
   void Refuse(const AgentPtr& agent, const RpcHeader& head);
   void ReclaimMemory();
+  void Reclaim(const AgentPtr& agent);
 
   // The protocol's operations.
   std::shared_ptr<MSError> Listen(const AgentPtr& agent, const RpcHeader* head);
