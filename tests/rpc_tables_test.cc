@@ -103,7 +103,7 @@ TEST(Backlog, FloodersPayFirst) {
     if (random() % 3 != 0) {
       const uint64_t sender = 1 + random() % 5;
       const size_t bytes = random() % 20;
-      if (bytes > 0) backlog.Add(sender, bytes);
+      if (bytes > 0) backlog.Add(sender, bytes, sender == 5);
       queue.insert(queue.end(), bytes, sender);
     }
     const size_t count = queue.empty() ? 0 : random() % queue.size() / 2;
@@ -114,6 +114,7 @@ TEST(Backlog, FloodersPayFirst) {
       ASSERT_EQ(backlog.BytesOf(sender),
                 static_cast<size_t>(std::count(queue.begin(), queue.end(), sender)));
     }
+    ASSERT_EQ(backlog.reply_bytes(), backlog.BytesOf(5));
   }
 }
 

@@ -1,4 +1,5 @@
-// Where a virtual operation stands in the table of its class, which is part of the binary interface.
+// Where a virtual operation stands in the table of its class, which is part of the binary
+// interface.
 #ifndef BSP_TESTS_SUPPORT_VIRTUAL_SLOT_H_
 #define BSP_TESTS_SUPPORT_VIRTUAL_SLOT_H_
 

@@ -15,18 +15,19 @@ void Backlog::Update(size_t waiting_bytes, uint64_t taken_bytes, int64_t now_ms)
   if (waiting_bytes_ <= vain_bytes_ / 4) vain_bytes_ = 0;
 }
 
-void Backlog::Add(uint64_t sender, size_t bytes) {
+void Backlog::Add(uint64_t sender, size_t bytes, bool is_reply) {
   added_bytes_ += bytes;
-  if (!pieces_.empty() && pieces_.back().sender == sender) {
+  if (is_reply) reply_bytes_ += bytes;
+  if (!pieces_.empty() && pieces_.back().sender == sender && pieces_.back().is_reply == is_reply) {
     pieces_.back().bytes += bytes;
   } else {
-    pieces_.push_back({sender, bytes});
+    pieces_.push_back({sender, bytes, is_reply});
   }
   const auto found = Find(sender);
   if (found != senders_.end()) {
     found->bytes += bytes;
   } else {
-    senders_.push_back({sender, bytes});
+    senders_.push_back({sender, bytes, false});
   }
 }
 
@@ -56,6 +57,7 @@ void Backlog::Drain(size_t bytes) {
       *sum = senders_.back();
       senders_.pop_back();
     }
+    if (first.is_reply) reply_bytes_ -= count;
     first.bytes -= count;
     bytes -= count;
     if (first.bytes == 0) pieces_.pop_front();

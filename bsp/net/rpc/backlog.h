@@ -30,11 +30,14 @@ class Backlog {
   void Update(size_t waiting_bytes, uint64_t taken_bytes, int64_t now_ms);
 
   // A frame was queued behind them; Update follows.
-  void Add(uint64_t sender, size_t bytes);
+  void Add(uint64_t sender, size_t bytes, bool is_reply = false);
 
   bool IsStuck() const { return waiting_bytes_ > 0; }
   size_t waiting_bytes() const { return waiting_bytes_; }
   size_t BytesOf(uint64_t sender) const;
+
+  // What the destination has asked for itself.
+  size_t reply_bytes() const { return reply_bytes_; }
 
   // Milliseconds without a byte taken, while some wait.
   int64_t StalledMs(int64_t now_ms) const { return IsStuck() ? now_ms - moved_ms_ : 0; }
@@ -51,6 +54,7 @@ class Backlog {
   struct Piece {
     uint64_t sender;
     size_t bytes;
+    bool is_reply;
   };
 
   void Drain(size_t bytes);
@@ -62,6 +66,7 @@ class Backlog {
   int64_t moved_ms_ = 0;   // when the socket took a byte last, or began to refuse
   size_t vain_bytes_ = 0;  // waited when waiting was given up; 0: it is not
 
+  size_t reply_bytes_ = 0;
   size_t nobodys_bytes_ = 0;    // in front: queued before the socket was known to be full
   std::deque<Piece> pieces_;    // behind them, in the order of the queue
   std::vector<Piece> senders_;  // their sums

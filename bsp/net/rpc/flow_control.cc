@@ -30,13 +30,13 @@ void FlowControl::SetLoop(std::shared_ptr<EventLoop> loop) {
   retry_ = 0;
 }
 
-bool FlowControl::Send(RpcAgent* destination, const RpcAgent& sender, const char* data,
-                       size_t size) {
+bool FlowControl::Send(RpcAgent* destination, const RpcAgent& sender, const char* data, size_t size,
+                       bool is_reply) {
   if (destination->is_dropped) return true;
   const bool is_stuck = destination->backlog.IsStuck();
   if (is_stuck && Weigh(*destination, sender, size) != Admission::kPass) return false;
   destination->client->Send(data, size);
-  if (is_stuck) destination->backlog.Add(sender.number, size);
+  if (is_stuck) destination->backlog.Add(sender.number, size, is_reply);
   if (is_stuck || size > kGatheredMost) Book(destination);
   return true;
 }
@@ -76,6 +76,14 @@ Admission FlowControl::Admit(const std::shared_ptr<RpcAgent>& sender,
                              const std::shared_ptr<RpcAgent>& destination, size_t size) {
   const Admission admission = Weigh(*destination, *sender, size);
   return admission == Admission::kWait ? WaitOrRefuse(sender, destination) : admission;
+}
+
+Admission FlowControl::AdmitRequest(const std::shared_ptr<RpcAgent>& sender) {
+  const Backlog& backlog = sender->backlog;
+  const size_t limit = limits_.max_backlog_bytes;
+  if (limit == 0 || backlog.reply_bytes() <= limit / 8) return Admission::kPass;
+  if (backlog.IsMute(EventLoop::NowMs())) return Admission::kRefuse;
+  return WaitOrRefuse(sender, sender);
 }
 
 Admission FlowControl::AdmitLarge(const std::shared_ptr<RpcAgent>& sender, size_t size) {
@@ -129,7 +137,8 @@ void FlowControl::RetryAll() {
     if (sender->is_dropped || !sender->is_waiting) continue;
     sender->is_waiting = false;
     const std::shared_ptr<RpcAgent> destination = sender->waits_for.lock();
-    if (destination != nullptr && now_ms - sender->wait_began_ms >= limits_.patience_ms) {
+    if (destination != nullptr && destination != sender &&
+        now_ms - sender->wait_began_ms >= limits_.patience_ms) {
       destination->backlog.GiveUpWaiting();
     }
     sender->client->ResumeReading();

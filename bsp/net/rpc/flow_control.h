@@ -39,7 +39,8 @@ class FlowControl {
 
   // False, with nothing sent, when the destination's limit or its account forbids it. True for one
   // that is about to be closed: what goes to it is lost with it.
-  bool Send(RpcAgent* destination, const RpcAgent& sender, const char* data, size_t size);
+  bool Send(RpcAgent* destination, const RpcAgent& sender, const char* data, size_t size,
+            bool is_reply = false);
 
   // Looks at the destination's queue, after it may have moved.
   void Book(RpcAgent* destination);
@@ -51,6 +52,10 @@ class FlowControl {
   // frame stays where it is.
   Admission Admit(const std::shared_ptr<RpcAgent>& sender,
                   const std::shared_ptr<RpcAgent>& destination, size_t size);
+
+  // Whether the sender may ask for more: not while it lags behind the answers that it has, or
+  // whoever answers would have to wait for it, and all that it serves with it.
+  Admission AdmitRequest(const std::shared_ptr<RpcAgent>& sender);
 
   // Whether the sender's large frame is received; books its memory.
   Admission AdmitLarge(const std::shared_ptr<RpcAgent>& sender, size_t size);

@@ -545,6 +545,10 @@ Admission RpcServer::Admit(const AgentPtr& agent, const RpcHeader& head) {
     return flow_->Admit(agent, requester->second, size);
   }
   if (head.type != RPC_TYPE_REQUEST && head.type != RPC_TYPE_MESSAGE) return Admission::kPass;
+  if (head.type == RPC_TYPE_REQUEST) {
+    const Admission admission = flow_->AdmitRequest(agent);
+    if (admission != Admission::kPass) return admission;
+  }
   const Cmd2Cli* const command = cmds_->Find(RpcCmdText(head.cmd));
   if (command == nullptr) return Admission::kPass;
   for (const AgentPtr& listener : command->clients) {
@@ -723,7 +727,7 @@ std::shared_ptr<MSError> RpcServer::ReplayRequest(const AgentPtr& agent, char* f
     ++totals_.stray_replies;
     return BSP_NEW_ERROR(-1, "req_cli_hdl %d has no such call", requester);
   }
-  if (flow_->Send(destination.get(), *agent, frame, size)) return kOk;
+  if (flow_->Send(destination.get(), *agent, frame, size, true)) return kOk;
   ++totals_.dropped_replies;
   NoteTick();
   return ServerReplay(destination, head, RPC_ERR_BUSY);
@@ -746,7 +750,7 @@ std::shared_ptr<MSError> RpcServer::ServerReplay(const AgentPtr& agent, char* bu
   head->magic = RPC_MAGIC;
   head->type = RPC_TYPE_REPLAY;
   head->size = data_size;
-  if (!flow_->Send(agent.get(), *agent, buffer, static_cast<size_t>(data_size))) {
+  if (!flow_->Send(agent.get(), *agent, buffer, static_cast<size_t>(data_size), true)) {
     ++totals_.dropped_replies;
     NoteTick();
   }
