@@ -14,6 +14,7 @@
 #include "bsp/net/rpc/budget.h"
 #include "bsp/net/rpc/call_table.h"
 #include "bsp/net/rpc/command_table.h"
+#include "bsp/net/rpc/frame_input.h"
 #include "bsp/net/rpc/latency_histogram.h"
 #include "bsp/net/rpc/rpc_agent.h"
 #include "bsp/net/rpc/rpc_header.h"
@@ -213,6 +214,30 @@ TEST(CommandTable, LivesByItsListeners) {
   table.Remove(second);
   EXPECT_EQ(table.size(), 0u);
   EXPECT_EQ(first->cmds.size() + second->cmds.size(), 0u);
+}
+
+// Memory for frames that is given away when two large ones are under way at the same time.
+TEST(FrameStore, KeepsTheLargerOfTwo) {
+  const auto shared = std::make_shared<bsp::FrameMemory>();
+  ASSERT_TRUE(shared->Reserve(500000));
+  {
+    bsp::FrameStore first(shared);
+    bsp::FrameStore second(shared);
+    RpcHeader head = {};
+    size_t from = 0;
+    size_t room = 0;
+    head.size = 400000;
+    ASSERT_NE(first.Begin(head, &from, &room), nullptr);
+    head.size = 300000;
+    ASSERT_NE(second.Begin(head, &from, &room), nullptr);
+    EXPECT_EQ(room, 300000u);
+    first.Recycle();
+    EXPECT_GE(shared->capacity(), 500000u);
+    second.Recycle();
+    EXPECT_GE(shared->capacity(), 500000u);
+    ASSERT_NE(first.Begin(head, &from, &room), nullptr);
+  }
+  EXPECT_GE(shared->capacity(), 500000u);  // also when its borrower goes
 }
 
 // A percentile below the true time, or more than a quarter above it.

@@ -154,6 +154,62 @@ TEST(RpcServer, StartsAndStops) {
   EXPECT_LT(steady_clock::now() - begin, kUnwoken);
 }
 
+// A count that is wrong, or an account that is not empty when everybody has gone; a Stop on the
+// broker's own thread that waits for itself.
+TEST(RpcServer, CountsAndGivesEverythingBack) {
+  NEED_PRIVATE_WORLD();
+  RpcServer::Options options;
+  options.track_calls = true;
+  options.max_memory_bytes = size_t{40} << 20;
+  options.max_backlog_bytes = size_t{8} << 20;
+  std::atomic<int> ticks{0};
+  RpcServer* self = nullptr;
+  options.on_tick = [&] {
+    self->Stop();  // refused
+    ++ticks;
+  };
+  RpcServer server(options);
+  self = &server;
+  const int port = NextPort();
+  ASSERT_EQ(server.Start("127.0.0.1", port), nullptr);
+  {
+    RpcPeer listener(port);
+    RpcPeer caller(port);
+    RpcFrame got;
+    ASSERT_EQ(listener.Ask(test::RpcListen("job", RPC_TYPE_REQUEST, 7, 1)), 0);
+    for (uint32_t seq = 0; seq < 30; ++seq) {
+      const std::string text(seq == 9 ? 100000 : 10, 't');
+      ASSERT_TRUE(caller.Send(RpcBytes(RPC_TYPE_REQUEST, seq, "job", text)) && listener.Read(&got));
+      if (seq >= 20) continue;  // left in flight
+      ASSERT_TRUE(listener.Send(RpcReply(got, seq % 4 == 0 ? -5 : 0, text)) && caller.Read(&got));
+    }
+    EXPECT_TRUE(Await([&] { return ticks > 0; }));
+    ASSERT_TRUE(caller.IsServed());
+    const auto totals = server.Count();
+    EXPECT_EQ(totals.clients, 2u);
+    EXPECT_EQ(totals.commands, 1u);
+    EXPECT_EQ(totals.calls, 10u);
+    EXPECT_GT(totals.memory_bytes, 0u);
+    const auto commands = server.Commands();
+    ASSERT_EQ(commands.size(), 1u);
+    EXPECT_EQ(commands[0].name, "job");
+    EXPECT_EQ(commands[0].power, 7);
+    EXPECT_EQ(commands[0].listeners, 1u);
+    EXPECT_EQ(commands[0].calls, 30u);
+    EXPECT_EQ(commands[0].answers, 20u);
+    EXPECT_EQ(commands[0].errors, 5u);
+    EXPECT_GT(commands[0].p50_us, 0);
+    EXPECT_GE(commands[0].p99_us, commands[0].p50_us);
+  }
+  EXPECT_TRUE(Await([&] { return server.Count().clients == 0; }));
+  const auto totals = server.Count();
+  EXPECT_EQ(totals.commands, 0u);
+  EXPECT_EQ(totals.calls, 0u);
+  EXPECT_EQ(totals.memory_bytes, 0u);
+  server.Stop();
+  EXPECT_EQ(server.Count().clients, 0u);
+}
+
 // What a client writes, and what it makes of each kind of answer.
 TEST(RpcClient, SpeaksAndReadsTheWire) {
   NEED_PRIVATE_WORLD();
