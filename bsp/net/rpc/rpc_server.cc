@@ -240,6 +240,7 @@ std::vector<RpcServer::CommandView> RpcServer::Commands() {
         view.calls = counts.calls;
         view.answers = counts.answers;
         view.errors = counts.errors;
+        view.lost = counts.lost;
         view.refused = counts.refused;
         view.messages = counts.messages;
         view.calls_per_s = counts.RatePerSecond(now_us_);
