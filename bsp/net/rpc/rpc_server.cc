@@ -566,7 +566,7 @@ Admission RpcServer::AdmitLarge(const AgentPtr& agent, const RpcHeader& head) {
   if (options_.max_frame_bytes != 0 && size > options_.max_frame_bytes) {
     return Admission::kWait;  // HandleNextFrame drops the sender
   }
-  if (!agent->account.Admits(size)) ReclaimMemory();
+  if (!agent->account.Admits(size)) ReclaimMemory(*agent);
   const Admission admission = flow_->AdmitLarge(agent, size);
   if (admission == Admission::kRefuse) Refuse(agent, head);
   return admission;
@@ -596,13 +596,14 @@ void RpcServer::Refuse(const AgentPtr& agent, const RpcHeader& head) {
 }
 
 // What nobody waits for gives its memory to others: frames of which nothing comes any more, and
-// bytes that are no frame and never will be.
-void RpcServer::ReclaimMemory() {
+// bytes that are no frame and never will be. Not of who asks: its frame is being decided.
+void RpcServer::ReclaimMemory(const RpcAgent& asking) {
   const int64_t now_ms = EventLoop::NowMs();
   for (const auto& entry : clients_) {
     const AgentPtr& agent = entry.second;
     const bool is_small = agent->account.held_bytes() <= Budget::kAllowanceBytes;
-    if (is_small || agent->is_dropped || agent->received == nullptr) continue;
+    if (agent.get() == &asking || is_small || agent->is_dropped) continue;
+    if (agent->received == nullptr) continue;
     RpcHeader head;
     const bool is_garbage =
         agent->input->Look(agent->received, &head) == RpcFrameState::kWrongMagic;
@@ -836,6 +837,7 @@ void RpcServer::Drop(const AgentPtr& agent, const char* what, size_t limit, size
   ++totals_.dropped_clients;
   agent->is_dropped = true;
   dropped_.push_back(agent);
+  NoteTick();  // closes it when no delivery ends before
 }
 
 void RpcServer::CloseDropped() {
@@ -852,6 +854,7 @@ void RpcServer::NoteTick() {
 void RpcServer::Tick() {
   tick_ = 0;
   DropStalled();
+  CloseDropped();
   TellRefused();
   ReleaseMemory();
   if (options_.on_tick) options_.on_tick();
@@ -868,7 +871,6 @@ void RpcServer::DropStalled() {
     Drop(entry.second, "seconds without a byte taken", static_cast<size_t>(limit_s),
          static_cast<size_t>(stalled_s));
   }
-  CloseDropped();
 }
 
 void RpcServer::TellRefused() {

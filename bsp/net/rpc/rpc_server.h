@@ -214,7 +214,7 @@ class BSP_EXPORT RpcServer : public sigslot::has_slots<sigslot::single_threaded>
   Admission Admit(const AgentPtr& agent, const RpcHeader& head);
   Admission AdmitLarge(const AgentPtr& agent, const RpcHeader& head);
   void Refuse(const AgentPtr& agent, const RpcHeader& head);
-  void ReclaimMemory();
+  void ReclaimMemory(const RpcAgent& asking);
   void Reclaim(const AgentPtr& agent);
 
   // The protocol's operations.
