@@ -84,6 +84,11 @@ std::shared_ptr<MSError> RefuseShort(const RpcHeader* head) {
                        kRecordFrameSize);
 }
 
+// A process never gets its own commands, on whichever of its connections.
+bool IsOwn(const RpcAgent& sender, const RpcAgent& listener) {
+  return &listener == &sender || listener.pid == sender.pid;
+}
+
 std::shared_ptr<MSError> Busy(const char* what) {
   return BSP_NEW_ERROR(RPC_ERR_BUSY, "refused: %s", what);
 }
@@ -553,6 +558,7 @@ Admission RpcServer::Admit(const AgentPtr& agent, const RpcHeader& head) {
   const Cmd2Cli* const command = cmds_->Find(RpcCmdText(head.cmd));
   if (command == nullptr) return Admission::kPass;
   for (const AgentPtr& listener : command->clients) {
+    if (IsOwn(*agent, *listener)) continue;
     const Admission admission = flow_->Admit(agent, listener, size);
     if (admission == Admission::kWait) return admission;
     if (admission == Admission::kRefuse && command->type == RPC_TYPE_REQUEST) return admission;
@@ -685,8 +691,7 @@ std::shared_ptr<MSError> RpcServer::ForwardMessage(const AgentPtr& agent, char* 
   head->type = kind;
   head->cli_hdl = agent->GetNativeSocket();
   for (const AgentPtr& listener : command->clients) {
-    // A process never gets its own commands, on whichever of its connections.
-    if (listener == agent || listener->pid == agent->pid) continue;
+    if (IsOwn(*agent, *listener)) continue;
     if (kind == RPC_TYPE_REQUEST) return ForwardCall(agent, listener, command, *head, is_request);
     const bool is_sent = flow_->Send(listener.get(), *agent, frame, size);
     if (options_.track_calls && is_sent) ++command->Counts().messages;
